@@ -1,0 +1,30 @@
+#pragma once
+
+// Plain C-level socket functions over BSD sockets (IPv4 stream sockets only). Each returns a
+// plain integer status: -1 on failure unless said otherwise. They keep no state.
+
+namespace pointlane {
+
+// Resolves host (IPv4) and connects to its first address on port. -1 when the name does not
+// resolve; otherwise the result of connect (0 or -1).
+int connect_socket(int descriptor, const char* host, int port);
+// accept without peer-address output: the new descriptor or -1.
+int accept_socket(int descriptor);
+// Binds to the IPv4 wildcard address on port; the result of bind.
+int bind_socket(int descriptor, int port);
+// setsockopt at SOL_SOCKET with a 4-byte integer value; its result (0 or -1).
+int setopt_socket(int descriptor, int option, int value);
+// The receive buffer size (SO_RCVBUF); 1024 when the query fails.
+int socket_internal_buffer_size(int descriptor);
+// listen with a backlog of 5; its result.
+int socket_listen(int descriptor);
+// Reads up to count bytes, retrying on EINTR, until count arrived or end of stream:
+// the number read (0 to count), or -1 on error.
+int read_bytes(int descriptor, void* buffer, int count);
+// Writes all count bytes, retrying on EINTR: count, or -1 on error. Never raises SIGPIPE.
+int write_bytes(int descriptor, const void* buffer, int count);
+// The peer's dotted IPv4 address copied into text (no terminating NUL), its length in *length:
+// 0, or -1 when the peer address can't be obtained.
+int socket_address(int descriptor, char* text, int* length);
+
+}  // namespace pointlane
