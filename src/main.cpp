@@ -1,2 +1,61 @@
-// Placeholder entry point until the application shell lands.
-int main() { return 0; }
+// The server's entry point: a Qt event loop around AppDelegate, headless when asked to be or
+// when there is no display.
+#include <QApplication>
+#include <QCoreApplication>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "app/AppDelegate.h"
+#include "app/CommandLine.h"
+#include "app/QtMainQueue.h"
+#include "app/QuitSignals.h"
+#include "support/MainQueue.h"
+
+namespace {
+
+bool hasDisplay() {
+    const char* x11 = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace pointlane;
+
+    const auto commandLine = CommandLine::parse(argc, argv);
+    if (!commandLine) {
+        return EXIT_FAILURE;
+    }
+    AppDelegate::Options options;
+    options.port = commandLine->port;
+    options.headless = commandLine->headless || !hasDisplay();
+
+    std::unique_ptr<QCoreApplication> application;
+    if (options.headless) {
+        application = std::make_unique<QCoreApplication>(argc, argv);
+    } else {
+        auto desktop = std::make_unique<QApplication>(argc, argv);
+        desktop->setQuitOnLastWindowClosed(false);
+        application = std::move(desktop);
+    }
+    MainQueue::install(std::make_shared<QtMainQueue>());
+
+    int status = EXIT_SUCCESS;
+    {
+        auto delegate = AppDelegate::create(options);
+        QuitSignals quitSignals([delegate] { delegate->quitDidClicked(); });
+        delegate->applicationWillFinishLaunching();
+        delegate->applicationDidFinishLaunching();
+        status = application->exec();
+        delegate->applicationWillTerminate();
+    }
+
+    // Connection threads are detached and may still be running; static destructors would race
+    // them, so the process ends here without running them once everything is written out.
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(status);
+}
