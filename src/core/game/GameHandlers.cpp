@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -21,6 +20,7 @@
 #include "storage/SQLite.h"
 #include "support/Event.h"
 #include "support/MainQueue.h"
+#include "support/ToolBox.h"
 #include "transport/Answer.h"
 #include "transport/Frame.h"
 
@@ -31,17 +31,8 @@ namespace {
 // The request's data as a JSON object; nothing when there is no data or it is not an object.
 // Bytes that are not JSON print the serialisation line.
 std::optional<nlohmann::json> dataObject(const Request& request) {
-    if (!request.data) {
-        return std::nullopt;
-    }
-    nlohmann::json value = nlohmann::json::parse(request.data->begin(), request.data->end(),
-                                                 nullptr, /*allow_exceptions=*/false);
-    if (value.is_discarded()) {
-        std::printf("Serialization error: the data is not valid JSON\n");
-        std::fflush(stdout);
-        return std::nullopt;
-    }
-    if (!value.is_object()) {
+    auto value = ToolBox::fromJsonObject(request.data);
+    if (!value || !value->is_object()) {
         return std::nullopt;
     }
     return value;

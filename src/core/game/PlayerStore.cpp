@@ -4,7 +4,6 @@
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
 
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
@@ -38,17 +37,6 @@ std::string nameKey(const std::string& name) {
     std::string utf8;
     key.toUTF8String(utf8);
     return utf8;
-}
-
-std::optional<Bytes> serialise(const nlohmann::json& value) {
-    try {
-        const std::string text = value.dump();
-        return Bytes(text.begin(), text.end());
-    } catch (const nlohmann::json::exception& e) {
-        std::printf("Serialization error: %s\n", e.what());
-        std::fflush(stdout);
-        return std::nullopt;
-    }
 }
 
 }  // namespace
@@ -154,7 +142,7 @@ std::optional<Bytes> PlayerStore::jsonObject() {
         for (const auto& [token, player] : data_) {
             names.push_back(player->name);
         }
-        result = serialise(names);
+        result = ToolBox::toJsonObject(names);
     });
     return result;
 }
@@ -208,7 +196,7 @@ void PlayerStore::broadcast(RequestCode code, const std::optional<Bytes>& data) 
 void PlayerStore::nameBroadcast(RequestCode code, const std::string& name) {
     // The object is the same for every recipient, so it is serialised once; when it can't be,
     // nobody gets the notification.
-    const std::optional<Bytes> data = serialise(nlohmann::json{{"player_name", name}});
+    const std::optional<Bytes> data = ToolBox::toJsonObject(nlohmann::json{{"player_name", name}});
     if (data) {
         broadcast(code, data);
     }
