@@ -204,9 +204,8 @@ TEST_F(GameHandlersTest, AdministratorLogoutEndsTheGameASecondLater) {
     ASSERT_TRUE(bea.clientServer->waitFor([](const std::vector<Request>& received) {
         return !received.empty() && received.back().request == RequestCode::playerRemoved;
     }));
-    EXPECT_EQ(std::string(bea.clientServer->notifications().back().data->begin(),
-                          bea.clientServer->notifications().back().data->end()),
-              R"({"player_name":"Admin"})");
+    EXPECT_EQ(bea.clientServer->notifications().back().data,
+              std::optional<Bytes>(bytes(R"({"player_name":"Admin"})")));
     EXPECT_TRUE(bea.clientServer->waitForClosed());
     EXPECT_TRUE(boss.clientServer->waitForClosed());
     EXPECT_EQ(PlayerStore::shared().count(), 0u);
