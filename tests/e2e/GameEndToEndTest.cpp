@@ -232,25 +232,25 @@ TEST_F(GameEndToEndTest, WholeGameIsRelayedToEveryPlayerStoredAndEndedByTheAdmin
     EXPECT_LE(lasted, std::chrono::seconds(5));
 
     // Stored: trimmed texts with Polish letters in their stored form.
-    const auto games = storedRows(databasePath(), "SELECT * FROM Game");
+    auto games = storedRows(databasePath(), "SELECT * FROM Game");
     ASSERT_TRUE(games);
     ASSERT_EQ(games->size(), 1u);
     EXPECT_EQ((*games)[0]["name"], "Sprint L~o~dx~");
     EXPECT_EQ((*games)[0]["admin"], "Admin");
     EXPECT_EQ((*games)[0]["date"].size(), 19u);
-    const auto deals = storedRows(databasePath(), "SELECT * FROM Deal");
+    auto deals = storedRows(databasePath(), "SELECT * FROM Deal");
     ASSERT_TRUE(deals);
-    ASSERT_EQ(deals->size(), 1u);
+    ASSERT_EQ(deals->size(), 1u) << server->output();
     EXPECT_EQ((*deals)[0]["name"], "Zadanie z~x~");
     EXPECT_EQ((*deals)[0]["gameId"], (*games)[0]["id"]);
-    const auto elections = storedRows(databasePath(), "SELECT * FROM Election");
+    auto elections = storedRows(databasePath(), "SELECT * FROM Election");
     ASSERT_TRUE(elections);
     ASSERT_EQ(elections->size(), 1u);
     EXPECT_EQ((*elections)[0]["playerName"], "L~ucja");
     EXPECT_EQ((*elections)[0]["symbol"], "13");
     EXPECT_EQ((*elections)[0]["dealId"], (*deals)[0]["id"]);
     // Known players: those who logged out are gone, those still in at the end remain.
-    const auto known = storedRows(databasePath(), "SELECT name, address FROM PlayerInfo");
+    auto known = storedRows(databasePath(), "SELECT name, address FROM PlayerInfo");
     ASSERT_TRUE(known);
     std::set<std::string> knownNames;
     for (auto& row : *known) {
@@ -333,7 +333,7 @@ TEST_F(GameEndToEndTest, SigtermFinishesTheStoredWorkAndExitsWithZero) {
     const auto status = server->waitForExit(std::chrono::seconds(10));
     ASSERT_TRUE(status);
     EXPECT_EQ(*status, 0);
-    const auto deals = storedRows(databasePath(), "SELECT name FROM Deal");
+    auto deals = storedRows(databasePath(), "SELECT name FROM Deal");
     ASSERT_TRUE(deals);
     EXPECT_EQ(deals->size(), 20u);
 }
@@ -343,7 +343,7 @@ TEST_F(GameEndToEndTest, NextStartOpensTheDatabaseWithGamesKeptAndKnownPlayersWi
     Player bea = join("Bea");
     ASSERT_EQ(boss.client->logout()->code, 0);
     ASSERT_EQ(server->waitForExit(std::chrono::seconds(10)), std::optional<int>(0));
-    const auto before = storedRows(databasePath(), "SELECT name FROM PlayerInfo");
+    auto before = storedRows(databasePath(), "SELECT name FROM PlayerInfo");
     ASSERT_TRUE(before);
     ASSERT_EQ(before->size(), 1u);  // Bea was still in when the game ended
 
@@ -354,10 +354,10 @@ TEST_F(GameEndToEndTest, NextStartOpensTheDatabaseWithGamesKeptAndKnownPlayersWi
         << server->diagnostics();
     server->signal(SIGINT);
     ASSERT_EQ(server->waitForExit(std::chrono::seconds(10)), std::optional<int>(0));
-    const auto after = storedRows(databasePath(), "SELECT name FROM PlayerInfo");
+    auto after = storedRows(databasePath(), "SELECT name FROM PlayerInfo");
     ASSERT_TRUE(after);
     EXPECT_TRUE(after->empty());
-    const auto games = storedRows(databasePath(), "SELECT name FROM Game");
+    auto games = storedRows(databasePath(), "SELECT name FROM Game");
     ASSERT_TRUE(games);
     ASSERT_EQ(games->size(), 1u);
     EXPECT_EQ((*games)[0]["name"], "First");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <string>
 
 #include "InProcessServer.h"
@@ -133,7 +134,8 @@ TEST_F(GameHandlersTest, PlayerLoginRefusalsComeInCheckOrder) {
     ASSERT_TRUE(out);
     EXPECT_EQ(out->code, 0);
     EXPECT_EQ(out->token, *bea.client->token());
-    EXPECT_EQ(InProcessServer::loginCount(), 4);
+    // The answer goes out before the player is removed and the count given back.
+    EXPECT_TRUE(testkit::waitUntil([] { return InProcessServer::loginCount() == 4; }));
     expectRefusal(bea.client->logout(), AnswerMessage::invalidToken);
     EXPECT_EQ(InProcessServer::loginCount(), 4);
 }
@@ -209,8 +211,7 @@ TEST_F(GameHandlersTest, AdministratorLogoutEndsTheGameASecondLater) {
     EXPECT_TRUE(bea.clientServer->waitForClosed());
     EXPECT_TRUE(boss.clientServer->waitForClosed());
     EXPECT_EQ(PlayerStore::shared().count(), 0u);
-    EXPECT_FALSE(GameState::currentGameID());
-    EXPECT_EQ(server->mainQueue().pending(), 1u);
+    EXPECT_TRUE(testkit::waitUntil([&] { return server->mainQueue().pending() == 1u; }));
 
     // Nothing happens before the second has passed.
     server->mainQueue().runDue();
@@ -219,6 +220,29 @@ TEST_F(GameHandlersTest, AdministratorLogoutEndsTheGameASecondLater) {
                                              std::chrono::seconds(3)));
     EXPECT_EQ(server->endStatus(), std::optional<int>(0));
     EXPECT_FALSE(sqlm().isOpen());
+    EXPECT_FALSE(GameState::currentGameID());
+}
+
+TEST_F(GameHandlersTest, RecordsQueuedBeforeTheAdministratorsLogoutKeepTheirGame) {
+    TestPlayer boss = admin();
+    // Hold the database queue so that the deal is still waiting when the game ends.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    sqlm().async([released] { released.wait(); });
+    ASSERT_EQ(boss.client->initNewDeal("Queued deal")->code, 0);
+    ASSERT_EQ(boss.client->cardElected("Admin", "8")->code, 0);
+    ASSERT_EQ(boss.client->logout()->code, 0);
+    ASSERT_TRUE(testkit::waitUntil([&] { return server->mainQueue().pending() == 1u; }));
+    release.set_value();
+    sqlm().drain();
+
+    const auto games = Game::games();
+    ASSERT_TRUE(games);
+    const auto deals = Deal::dealsFor((*games)[0]->id);
+    ASSERT_TRUE(deals);
+    EXPECT_EQ((*deals)[0]->name, "Queued deal");
+    EXPECT_TRUE(Election::electionsFor((*deals)[0]->id));
+    EXPECT_FALSE(GameState::currentGameID());
 }
 
 }  // namespace

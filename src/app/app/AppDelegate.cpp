@@ -52,7 +52,9 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
     databasePath_ = (directory / "Pointlane.sqlite").string();
 }
 
-AppDelegate::~AppDelegate() { applicationWillTerminate(); }
+AppDelegate::~AppDelegate() {
+    applicationWillTerminate();
+}
 
 void AppDelegate::applicationWillFinishLaunching() {
     std::error_code error;
@@ -72,15 +74,16 @@ void AppDelegate::openDatabase() {
     if (!sqlm().open(databasePath_)) {
         fatalError("Can't open the database.");
     }
-    tr().info(kSubject, "Database opened (" + databasePath_ + ")", "openDatabase()", __LINE__);
+    pointlane::tr().info(kSubject, "Database opened (" + databasePath_ + ")", "openDatabase()",
+                         __LINE__);
 }
 
 void AppDelegate::createDatabase() {
     if (!sqlm().create(databasePath_, [](SQLite&) { return true; })) {
         fatalError("Can't create the database.");
     }
-    tr().info(kSubject, "Database created (" + databasePath_ + ")", "createDatabase()",
-              __LINE__);
+    pointlane::tr().info(kSubject, "Database created (" + databasePath_ + ")", "createDatabase()",
+                         __LINE__);
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
@@ -103,14 +106,16 @@ void AppDelegate::applicationDidFinishLaunching() {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     if (servedPort() != 0) {
-        tr().info(kSubject, "Listening on port " + std::to_string(servedPort()),
-                  "applicationDidFinishLaunching()", __LINE__);
+        pointlane::tr().info(kSubject, "Listening on port " + std::to_string(servedPort()),
+                             "applicationDidFinishLaunching()", __LINE__);
     }
 
     startBonjoure();
 }
 
-int AppDelegate::servedPort() const { return server ? server->listeningPort() : 0; }
+int AppDelegate::servedPort() const {
+    return server ? server->listeningPort() : 0;
+}
 
 void AppDelegate::startBonjoure() {
     // Published whether or not the listener could start, on the port that is served.
@@ -151,6 +156,8 @@ void AppDelegate::windowClose() {
     QTimer::singleShot(100, this, [this] { dataWindowController = nullptr; });
 }
 
-void AppDelegate::terminate(int status) { QCoreApplication::exit(status); }
+void AppDelegate::terminate(int status) {
+    QCoreApplication::exit(status);
+}
 
 }  // namespace pointlane

@@ -300,7 +300,9 @@ void GameHandlers::logout(const Request& request, const std::shared_ptr<Socket>&
     store.removedPlayerBroadcast(player->name);
 
     if (player->isAdmin) {
-        GameState::setCurrentGameID(std::nullopt);
+        // The game is closed in line with the record writes: deals and elections submitted
+        // before this logout may not have run yet and must still find their game.
+        sqlm().async([] { GameState::setCurrentGameID(std::nullopt); });
         store.removeAll();
         after(kGameEndDelaySeconds, endGame);
     }
