@@ -2,14 +2,56 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "transport/Frame.h"
 #include "transport/SocketFunctions.h"
 
 namespace pointlane {
+
+namespace {
+
+// Writes every byte before the deadline. A send time-out alone bounds each blocked send call,
+// not the frame: a client that reads a trickle lets every call make a little progress and the
+// frame could take many time-outs. So the sends don't block, and the wait for room is bounded
+// by what is left until the deadline.
+bool writeAllBefore(int descriptor, const Bytes& bytes,
+                    std::chrono::steady_clock::time_point deadline) {
+    std::size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t n = ::send(descriptor, bytes.data() + written, bytes.size() - written,
+                                 MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            written += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) {
+                return false;
+            }
+            pollfd room{descriptor, POLLOUT, 0};
+            const int ready = ::poll(&room, 1, static_cast<int>(left.count()));
+            if (ready < 0 && errno != EINTR) {
+                return false;
+            }
+            continue;
+        }
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
 
 Player::Player(std::string name, bool isAdmin, std::shared_ptr<Socket> clientSocket)
     : name(std::move(name)), isAdmin(isAdmin), clientSocket(std::move(clientSocket)) {}
@@ -45,7 +87,10 @@ bool Player::send(const Bytes& body) {
     // and a single segment is cheaper than two.
     Bytes frame = frameHeader(static_cast<std::int32_t>(body.size()));
     frame.insert(frame.end(), body.begin(), body.end());
-    if (clientSocket->writeData(frame)) {
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                              std::chrono::duration<double>(kSendTimeoutSeconds));
+    if (writeAllBefore(clientSocket->socketFileDescriptor(), frame, deadline)) {
         return true;
     }
     // A write that failed or ran into the send time-out may have put part of the frame on the

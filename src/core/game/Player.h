@@ -16,8 +16,8 @@ namespace pointlane {
 // only while the registry's lock ("pointlane.TokenStore") is held, so frames never interleave.
 class Player final {
   public:
-    // How long one blocked write on the push connection may wait for a client server that has
-    // stopped reading before the write fails.
+    // How long writing one notification frame may wait for a client server that has stopped
+    // reading before the write fails; the registry's lock is held no longer than this per frame.
     static constexpr double kSendTimeoutSeconds = 3.0;
 
     Player(std::string name, bool isAdmin, std::shared_ptr<Socket> clientSocket);
