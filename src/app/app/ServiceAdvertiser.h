@@ -37,8 +37,8 @@ class ServiceAdvertiser {
     void stop();
 
     State state() const;
-    // The name the service is registered under: the requested one, or the alternative chosen
-    // after a name collision. Empty until the first registration attempt.
+    // The name the service is (being) registered under: the requested one, or the alternative
+    // chosen after a name collision. Empty until the first registration attempt.
     std::string registeredName() const;
 
   private:
