@@ -116,6 +116,36 @@ TEST(ServiceAdvertiserTest, SecondServiceWithTheSameNameIsRenamedAndBothAreListe
         kPatience));
 }
 
+TEST(ServiceAdvertiserTest, NameHeldByAnotherProgramIsAvoided) {
+    AvahiSandbox sandbox;
+    if (!sandbox.start()) {
+        GTEST_SKIP() << sandbox.skipReason();
+    }
+    sandbox.usePrivateBus();
+    testkit::TempDir dir;
+    const pid_t other = sandbox.startProcess({"avahi-publish", "-s", "Pointlane", kType, "4567"},
+                                             dir.file("publish.out"));
+    ASSERT_GT(other, 0);
+    ASSERT_TRUE(
+        waitUntil([&] { return find(sandbox.browse(kType), "Pointlane").has_value(); }, kPatience))
+        << sandbox.lastBrowseError();
+
+    ServiceAdvertiser advertiser("local.", kType, "Pointlane", 50555);
+    ASSERT_TRUE(advertiser.publish());
+    ASSERT_TRUE(becomes(advertiser, ServiceAdvertiser::State::established));
+    EXPECT_EQ(advertiser.registeredName(), "Pointlane #2");
+    std::vector<BrowsedService> services;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            services = sandbox.browse(kType);
+            return find(services, "Pointlane") && find(services, "Pointlane #2");
+        },
+        kPatience));
+    EXPECT_EQ(find(services, "Pointlane")->port, 4567);
+    EXPECT_EQ(find(services, "Pointlane #2")->port, 50555);
+    sandbox.stopProcess(other);
+}
+
 TEST(ServiceAdvertiserTest, WithoutAnyBusItSaysSoOnceAndCarriesOn) {
     AvahiSandbox sandbox;  // nothing started: its bus address leads nowhere
     sandbox.usePrivateBus();

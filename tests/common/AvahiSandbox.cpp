@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -131,16 +132,24 @@ bool reaped(pid_t pid, int* exitStatus) {
     return false;
 }
 
-void terminate(pid_t& pid) {
+int terminate(pid_t& pid) {
     if (pid <= 0) {
-        return;
+        return -1;
     }
+    int exitStatus = -1;
     kill(pid, SIGTERM);
-    if (!waitUntil([&] { return reaped(pid, nullptr); }, std::chrono::seconds(5))) {
+    if (!waitUntil([&] { return reaped(pid, &exitStatus); }, std::chrono::seconds(5))) {
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
+        exitStatus = -1;
     }
     pid = -1;
+    return exitStatus;
+}
+
+// Full path of argv[0] when it is a bare name; empty when it cannot be found.
+std::string resolveProgram(const std::string& program) {
+    return program.find('/') == std::string::npos ? findExecutable(program) : program;
 }
 
 std::vector<std::string> splitEscaped(const std::string& line, char separator) {
@@ -184,6 +193,9 @@ std::string unescape(const std::string& text) {
 AvahiSandbox::AvahiSandbox() = default;
 
 AvahiSandbox::~AvahiSandbox() {
+    for (pid_t pid : processes_) {
+        terminate(pid);
+    }
     terminate(daemonPid_);
     terminate(busPid_);
     std::error_code ignored;
@@ -366,12 +378,10 @@ CommandResult AvahiSandbox::run(const std::vector<std::string>& argv,
         return result;
     }
     std::vector<std::string> resolved = argv;
-    if (resolved[0].find('/') == std::string::npos) {
-        resolved[0] = findExecutable(resolved[0]);
-        if (resolved[0].empty()) {
-            result.output = argv[0] + ": not found";
-            return result;
-        }
+    resolved[0] = resolveProgram(argv[0]);
+    if (resolved[0].empty()) {
+        result.output = argv[0] + ": not found";
+        return result;
     }
     static int counter = 0;
     const std::string outputPath = dir_.file("run-" + std::to_string(++counter) + ".out");
@@ -389,6 +399,32 @@ CommandResult AvahiSandbox::run(const std::vector<std::string>& argv,
     result.output = readFile(outputPath);
     std::remove(outputPath.c_str());
     return result;
+}
+
+pid_t AvahiSandbox::startProcess(const std::vector<std::string>& argv,
+                                 const std::string& outputPath) {
+    if (argv.empty()) {
+        return -1;
+    }
+    std::vector<std::string> resolved = argv;
+    resolved[0] = resolveProgram(argv[0]);
+    if (resolved[0].empty()) {
+        return -1;
+    }
+    const pid_t pid = spawn(resolved, environment(), outputPath);
+    if (pid > 0) {
+        processes_.push_back(pid);
+    }
+    return pid;
+}
+
+int AvahiSandbox::stopProcess(pid_t pid) {
+    const auto known = std::find(processes_.begin(), processes_.end(), pid);
+    if (known == processes_.end()) {
+        return -1;
+    }
+    processes_.erase(known);
+    return terminate(pid);
 }
 
 std::vector<BrowsedService> AvahiSandbox::browse(const std::string& type) const {

@@ -92,6 +92,15 @@ class AvahiSandbox {
     CommandResult run(const std::vector<std::string>& argv,
                       std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
 
+    // Starts argv (looked up in PATH) with environment() added, its standard output and error
+    // going to outputPath, and returns at once; -1 when it cannot be started. The process is
+    // ended by stopProcess() or, at the latest, with the sandbox. For running the server
+    // binary against the private bus.
+    pid_t startProcess(const std::vector<std::string>& argv, const std::string& outputPath);
+    // SIGTERM, then SIGKILL after five seconds; waits for the end. Returns the exit status, -1
+    // when the process did not exit normally.
+    int stopProcess(pid_t pid);
+
     // The services of type currently known, resolved (one entry per interface and protocol).
     // Empty when avahi-browse fails; the failure is added to lastBrowseError().
     std::vector<BrowsedService> browse(const std::string& type) const;
@@ -106,6 +115,7 @@ class AvahiSandbox {
     TempDir dir_;
     pid_t busPid_ = -1;
     pid_t daemonPid_ = -1;
+    std::vector<pid_t> processes_;  // started by startProcess(), not yet stopped
     std::string skipReason_;
     std::optional<std::string> savedBusAddress_;
     bool busAddressSet_ = false;
