@@ -50,6 +50,7 @@ void earlierHandler(int) {
 }
 
 TEST_F(QuitSignalsTest, OneInstanceAtATimeAndEarlierHandlersComeBack) {
+    earlierHandlerCalls = 0;
     struct sigaction earlier = {};
     earlier.sa_handler = earlierHandler;
     sigemptyset(&earlier.sa_mask);
