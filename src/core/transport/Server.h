@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "transport/Socket.h"
@@ -39,6 +40,9 @@ public:
 
 private:
     Server() = default;
+    // Wraps one accepted descriptor and starts its connection thread, or drops it.
+    void acceptConnection(int descriptor);
+
     std::atomic<int> listeningPort_{0};
 };
 
