@@ -206,8 +206,12 @@ TEST(DispatchLoopTest, EmptyHandlersAnswerNothing) {
     ASSERT_TRUE(pair.client && pair.server);
     ASSERT_TRUE(pair.client->writeData(frame(requestBody(0, "x"))));
     ::shutdown(pair.client->socketFileDescriptor(), SHUT_WR);
-    PokerThread thread(pair.server, PokerThread::Handlers{});
-    thread.run();  // the request is read, nothing is called, then end of stream
+    {
+        PokerThread thread(pair.server, PokerThread::Handlers{});
+        thread.run();  // the request is read, nothing is called, then end of stream
+    }
+    // The connection closed with nothing written before the close.
+    EXPECT_EQ(pair.server->socketFileDescriptor(), -1);
     EXPECT_FALSE(pair.client->readData(1).has_value());
 }
 
@@ -219,23 +223,29 @@ TEST(DispatchConcurrencyTest, HundredConcurrentConnectionsAreAllServed) {
     RunningServer running(delegate);
     ASSERT_NE(running.port(), 0);
     constexpr int kClients = 100;
+    // Connect one after another: the listen backlog is small, and a burst of simultaneous
+    // handshakes would only measure the kernel's SYN retransmission. Then all of them talk at
+    // once, each on its own connection thread.
+    std::vector<std::shared_ptr<Socket>> sockets;
+    for (int i = 0; i < kClients; ++i) {
+        sockets.push_back(connectTo(running.port()));
+        ASSERT_NE(sockets.back(), nullptr) << i;
+    }
+    ASSERT_TRUE(testkit::waitUntil([&] { return delegate->sockets().size() == kClients; }));
     std::atomic<int> served{0};
     std::vector<std::thread> clients;
     for (int i = 0; i < kClients; ++i) {
         clients.emplace_back([&, i] {
-            auto client = connectTo(running.port());
-            if (!client) {
-                return;
-            }
+            Socket& client = *sockets[i];
             const std::string token = "client-" + std::to_string(i);
             Bytes both = frame(requestBody(3, token + "a"));
             const Bytes second = frame(requestBody(8, token + "b"));
             both.insert(both.end(), second.begin(), second.end());
-            if (!client->writeData(both)) {
+            if (!client.writeData(both)) {
                 return;
             }
-            const auto first = readAnswer(*client);
-            const auto next = readAnswer(*client);
+            const auto first = readAnswer(client);
+            const auto next = readAnswer(client);
             if (first && next && first->token == token + "a" && next->token == token + "b") {
                 ++served;
             }
@@ -244,6 +254,7 @@ TEST(DispatchConcurrencyTest, HundredConcurrentConnectionsAreAllServed) {
     for (auto& client : clients) {
         client.join();
     }
+    sockets.clear();  // the server sees every client leave
     EXPECT_EQ(served.load(), kClients);
     EXPECT_TRUE(testkit::waitUntil([&] {
         for (const auto& socket : delegate->sockets()) {

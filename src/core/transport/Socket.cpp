@@ -1,6 +1,7 @@
 #include "transport/Socket.h"
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -36,6 +37,11 @@ std::shared_ptr<Socket> Socket::create(int descriptor) {
             return nullptr;
         }
     }
+    // A frame goes out as two writes; without this the body would wait for the peer's delayed
+    // acknowledgement of the header (tens of milliseconds per answer). Best effort: a socket
+    // that refuses it still works.
+    const int noDelay = 1;
+    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     return std::shared_ptr<Socket>(new Socket(descriptor));
 }
 
