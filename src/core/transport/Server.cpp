@@ -1,5 +1,7 @@
 #include "transport/Server.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -46,7 +48,7 @@ void Server::runOnPort(int port) {
         printLine("Can't bind server socket to port");
         return;
     }
-    if (socket_listen(socket->socketFileDescriptor()) != -1) {
+    if (listenAgain()) {
         listeningPort_ = socket->localPort();
         do {
             const int accepted = accept_socket(socket->socketFileDescriptor());
@@ -63,7 +65,7 @@ void Server::runOnPort(int port) {
             } catch (...) {
                 // A connection that can't be set up (no thread, no memory) is dropped alone.
             }
-        } while (socket_listen(socket->socketFileDescriptor()) != -1);
+        } while (listenAgain());
         listeningPort_ = 0;
     }
     printLine("Server stopped");
@@ -85,16 +87,34 @@ void Server::acceptConnection(int descriptor) {
         return;
     }
     connection->server = weak_from_this();
-    if (socket->socketFileDescriptor() == -1) {
+    if (stopping() || socket->socketFileDescriptor() == -1) {
         return;  // stopped meanwhile: releasing the connection closes it
     }
     std::thread(runConnection, std::move(connection)).detach();
 }
 
+bool Server::listenAgain() {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    if (stopping_) {
+        socket->shutdown();  // descriptor -1: the re-listen below fails and the loop ends
+    }
+    return socket_listen(socket->socketFileDescriptor()) != -1;
+}
+
+bool Server::stopping() const {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    return stopping_;
+}
+
 void Server::stop() {
-    // Shutting the listening socket down wakes a thread blocked in accept; the re-listen that
-    // follows then fails on the closed socket and the loop ends.
-    socket->shutdown();
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    stopping_ = true;
+    // Wakes a thread blocked in accept (and makes the next accept fail at once); the listener
+    // then closes the descriptor in listenAgain().
+    const int descriptor = socket->socketFileDescriptor();
+    if (descriptor != -1) {
+        ::shutdown(descriptor, SHUT_RDWR);
+    }
 }
 
 int Server::listeningPort() const {
