@@ -82,6 +82,8 @@ Tracer& tr();
 
 }  // namespace pointlane
 
-// tr().info with the calling function's name ("openDatabase()") and line filled in.
-#define POINTLANE_TRACE(subject, text) \
-    ::pointlane::tr().info((subject), (text), std::string(__func__) + "()", __LINE__)
+// tracer.info with the calling function's name ("openDatabase()") and line filled in;
+// POINTLANE_TRACE writes to the application's tracer tr().
+#define POINTLANE_TRACE_TO(tracer, subject, text) \
+    (tracer).info((subject), (text), std::string(__func__) + "()", __LINE__)
+#define POINTLANE_TRACE(subject, text) POINTLANE_TRACE_TO(::pointlane::tr(), subject, text)
