@@ -48,11 +48,19 @@ class DataValue final {
 
     DataValue() : storage_(Null{}) {}
 
-    static DataValue integer(std::optional<std::int64_t> v) { return DataValue(Integer{v}); }
-    static DataValue floating(std::optional<double> v) { return DataValue(Float{v}); }
-    static DataValue text(std::optional<std::string> v) { return DataValue(Text{std::move(v)}); }
-    static DataValue blob(std::optional<Bytes> v) { return DataValue(Blob{std::move(v)}); }
-    static DataValue null() { return DataValue(Null{}); }
+    static DataValue integer(std::optional<std::int64_t> v) {
+        return DataValue(std::in_place_type<Integer>, v);
+    }
+    static DataValue floating(std::optional<double> v) {
+        return DataValue(std::in_place_type<Float>, v);
+    }
+    static DataValue text(std::optional<std::string> v) {
+        return DataValue(std::in_place_type<Text>, std::move(v));
+    }
+    static DataValue blob(std::optional<Bytes> v) {
+        return DataValue(std::in_place_type<Blob>, std::move(v));
+    }
+    static DataValue null() { return DataValue(); }
 
     DataValueType type() const;
     bool isNull() const { return std::holds_alternative<Null>(storage_); }
@@ -67,7 +75,11 @@ class DataValue final {
     bool operator==(const DataValue&) const = default;
 
   private:
-    explicit DataValue(Storage s) : storage_(std::move(s)) {}
+    // Built in place: moving a whole variant of optionals trips a false "maybe uninitialized"
+    // warning in g++ 12 sanitizer builds.
+    template <class T, class V>
+    DataValue(std::in_place_type_t<T> type, V&& value)
+        : storage_(type, T{std::forward<V>(value)}) {}
     Storage storage_;
 };
 
