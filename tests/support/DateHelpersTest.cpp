@@ -26,6 +26,8 @@ TEST(DateHelpersTest, DayAndMonthNamesAreNumberedFromOneInPolish) {
         EXPECT_EQ(toInt(*monthNameFrom(i)), i);
     }
     EXPECT_EQ(toInt(DayName::niedziela), 7);
+    EXPECT_EQ(dayNameFrom(3), DayName::środa);
+    EXPECT_EQ(monthNameFrom(10), MonthName::październik);
 }
 
 TEST(DateHelpersTest, LocalDateTextsRoundTripAndOnlyTheExactPatternParses) {

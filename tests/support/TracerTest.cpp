@@ -31,7 +31,7 @@ class CapturingStream final : public TracerStream {
     std::vector<std::string> lines_;
 };
 
-const std::regex kStamp(R"(\d{2}:\d{2}:\d{2}\.\d{3})");
+struct AppDelegate {};
 
 TEST(TracerTest, InformationAndStopLinesHaveTheirShapeOnTheMainThread) {
     auto stream = std::make_shared<CapturingStream>();
@@ -39,7 +39,7 @@ TEST(TracerTest, InformationAndStopLinesHaveTheirShapeOnTheMainThread) {
         Tracer tracer(stream);
         EXPECT_EQ(tracer.level, 0);
         tracer.info("AppDelegate", "Database opened (/tmp/x.sqlite)", "openDatabase()", 42);
-        tracer.info("AppDelegate", std::nullopt, "applicationWillTerminate()", 7);
+        tracer.info(AppDelegate{}, std::nullopt, "applicationWillTerminate()", 7);
         POINTLANE_TRACE_TO(tracer, "Macro", std::optional<std::string>("via macro"));
     }
     const auto lines = stream->lines();

@@ -14,21 +14,22 @@ enum class DateContent { date, dateAndTime };
 enum class DateFormat { dateAndTime, date, time, timeExt, dayAndMonth };
 
 // Days of the week, Monday first.
-enum class DayName { poniedzialek = 1, wtorek, sroda, czwartek, piatek, sobota, niedziela };
+// The names are the Polish ones, as the interface shows them.
+enum class DayName { poniedziałek = 1, wtorek, środa, czwartek, piątek, sobota, niedziela };
 
 enum class MonthName {
-    styczen = 1,
+    styczeń = 1,
     luty,
     marzec,
-    kwiecien,
+    kwiecień,
     maj,
     czerwiec,
     lipiec,
-    sierpien,
-    wrzesien,
-    pazdziernik,
+    sierpień,
+    wrzesień,
+    październik,
     listopad,
-    grudzien,
+    grudzień,
 };
 
 // 1..7; anything else gives nothing.

@@ -1,11 +1,13 @@
 #include "support/Tracer.h"
 
+#include <cxxabi.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 
@@ -72,6 +74,21 @@ void File::write(const std::string& text) {
             std::fclose(f);
         }
     });
+}
+
+std::string unqualifiedTypeName(const std::type_info& type) {
+    int status = 0;
+    char* demangled = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+    std::string name = status == 0 && demangled != nullptr ? demangled : type.name();
+    std::free(demangled);
+    // Drop template arguments, then every enclosing namespace or class.
+    if (const auto angle = name.find('<'); angle != std::string::npos) {
+        name.erase(angle);
+    }
+    if (const auto colon = name.rfind("::"); colon != std::string::npos) {
+        name.erase(0, colon + 2);
+    }
+    return name;
 }
 
 std::string threadInfo() {

@@ -4,10 +4,15 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <typeinfo>
 
 #include "support/WorkQueue.h"
 
 namespace pointlane {
+
+// "AppDelegate" for pointlane::AppDelegate: the type's name without namespaces.
+std::string unqualifiedTypeName(const std::type_info& type);
 
 // Where a tracer's lines go.
 enum class TraceType : int { console = 0, file = 1, network = 2 };
@@ -68,6 +73,13 @@ class Tracer final {
     // subject: the unqualified type name of the object that reports ("AppDelegate").
     void info(std::string_view subject, const std::optional<std::string>& text,
               std::string_view function, int line);
+    // The same with the subject's own type giving the name (any object: *this, a value).
+    template <class Subject>
+    requires(!std::is_convertible_v<const Subject&, std::string_view>) void info(
+        const Subject& subject, const std::optional<std::string>& text, std::string_view function,
+        int line) {
+        info(std::string_view(unqualifiedTypeName(typeid(subject))), text, function, line);
+    }
     void stop();
 
     const std::shared_ptr<TracerStream> stream;
