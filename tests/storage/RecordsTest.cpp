@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <regex>
 #include <string>
 #include <vector>
 

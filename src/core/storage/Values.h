@@ -49,16 +49,28 @@ class DataValue final {
     DataValue() : storage_(Null{}) {}
 
     static DataValue integer(std::optional<std::int64_t> v) {
-        return DataValue(std::in_place_type<Integer>, v);
+        DataValue d(std::in_place_type<Integer>);
+        std::get<Integer>(d.storage_).value = v;
+        return d;
     }
     static DataValue floating(std::optional<double> v) {
-        return DataValue(std::in_place_type<Float>, v);
+        DataValue d(std::in_place_type<Float>);
+        std::get<Float>(d.storage_).value = v;
+        return d;
     }
     static DataValue text(std::optional<std::string> v) {
-        return DataValue(std::in_place_type<Text>, std::move(v));
+        DataValue d(std::in_place_type<Text>);
+        if (v) {
+            std::get<Text>(d.storage_).value.emplace(std::move(*v));
+        }
+        return d;
     }
     static DataValue blob(std::optional<Bytes> v) {
-        return DataValue(std::in_place_type<Blob>, std::move(v));
+        DataValue d(std::in_place_type<Blob>);
+        if (v) {
+            std::get<Blob>(d.storage_).value.emplace(std::move(*v));
+        }
+        return d;
     }
     static DataValue null() { return DataValue(); }
 
@@ -75,11 +87,10 @@ class DataValue final {
     bool operator==(const DataValue&) const = default;
 
   private:
-    // Built in place: moving a whole variant of optionals trips a false "maybe uninitialized"
-    // warning in g++ 12 sanitizer builds.
-    template <class T, class V>
-    DataValue(std::in_place_type_t<T> type, V&& value)
-        : storage_(type, T{std::forward<V>(value)}) {}
+    // Payloads are put in place: moving a whole optional inside the variant trips a false
+    // "maybe uninitialized" warning in g++ 12 sanitizer builds.
+    template <class T>
+    explicit DataValue(std::in_place_type_t<T> type) : storage_(type) {}
     Storage storage_;
 };
 
