@@ -7,6 +7,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -33,77 +34,90 @@ std::string schemaText() {
     return text.str();
 }
 
-double viaQueue(const std::string& path, int rows) {
-    if (!sqlm().create(path)) {
-        std::fprintf(stderr, "can't create %s\n", path.c_str());
-        std::exit(1);
-    }
-    auto game = Game::make("Benchmark", "admin");
-    auto deal = game && game->save() ? Deal::make(game->id, "deal") : nullptr;
-    if (!deal || !deal->save()) {
-        std::fprintf(stderr, "can't store the game and the deal\n");
-        std::exit(1);
-    }
-    const std::int64_t dealId = deal->id;
-    int failures = 0;
-    const auto start = Clock::now();
-    for (int i = 0; i < rows; ++i) {
-        sqlm().async([dealId, i, &failures] {
-            auto election = Election::make(dealId, "Gracz " + std::to_string(i % 5), "8");
-            if (!election || !election->save()) {
-                ++failures;
-            }
-        });
-    }
-    sqlm().drain();
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    sqlm().close();
-    if (failures != 0) {
-        std::fprintf(stderr, "%d elections were not stored\n", failures);
-        std::exit(1);
-    }
-    return rows / seconds;
-}
-
-double bare(const std::string& path, int rows) {
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db,
-                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                        nullptr) != SQLITE_OK ||
-        sqlite3_exec(db, schemaText().c_str(), nullptr, nullptr, nullptr) != SQLITE_OK ||
-        sqlite3_exec(db, "PRAGMA foreign_keys = ON", nullptr, nullptr, nullptr) != SQLITE_OK ||
-        sqlite3_exec(db,
-                     "INSERT INTO Game (name, date, admin) VALUES ('Benchmark', "
-                     "'2024-01-01 00:00:00', 'admin'); INSERT INTO Deal (gameId, name) VALUES "
-                     "(1, 'deal')",
-                     nullptr, nullptr, nullptr) != SQLITE_OK) {
-        std::fprintf(stderr, "bare setup failed: %s\n", sqlite3_errmsg(db));
-        std::exit(1);
-    }
-    sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(db, "INSERT INTO Election (dealId,playerName,symbol) VALUES (?,?,?)", -1,
-                       &stmt, nullptr);
-    int failures = 0;
-    const auto start = Clock::now();
-    for (int i = 0; i < rows; ++i) {
-        const std::string player = "Gracz " + std::to_string(i % 5);
-        sqlite3_bind_int64(stmt, 1, 1);
-        sqlite3_bind_text(stmt, 2, player.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_text(stmt, 3, "8", -1, SQLITE_TRANSIENT);
-        if (sqlite3_step(stmt) != SQLITE_DONE) {
-            ++failures;
+// The database object's side: Game and Deal first, then elections through the queue.
+class QueueSide {
+  public:
+    explicit QueueSide(const std::string& path) {
+        if (!sqlm().create(path)) {
+            std::fprintf(stderr, "can't create %s\n", path.c_str());
+            std::exit(1);
         }
-        sqlite3_reset(stmt);
+        auto game = Game::make("Benchmark", "admin");
+        auto deal = game && game->save() ? Deal::make(game->id, "deal") : nullptr;
+        if (!deal || !deal->save()) {
+            std::fprintf(stderr, "can't store the game and the deal\n");
+            std::exit(1);
+        }
+        dealId_ = deal->id;
     }
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    if (failures != 0) {
-        std::fprintf(stderr, "%d bare inserts failed\n", failures);
-        std::exit(1);
+    ~QueueSide() { sqlm().close(); }
+
+    double store(int from, int count) {
+        const auto start = Clock::now();
+        for (int i = from; i < from + count; ++i) {
+            sqlm().async([this, i] {
+                auto election = Election::make(dealId_, "Gracz " + std::to_string(i % 5), "8");
+                if (!election || !election->save()) {
+                    ++failures_;
+                }
+            });
+        }
+        sqlm().drain();
+        return std::chrono::duration<double>(Clock::now() - start).count();
     }
-    return rows / seconds;
-}
+    int failures() const { return failures_; }
+
+  private:
+    std::int64_t dealId_ = 0;
+    int failures_ = 0;  // only touched on the queue, read after drain()
+};
+
+// The bare side: one prepared statement, reset after each row.
+class BareSide {
+  public:
+    explicit BareSide(const std::string& path) {
+        if (sqlite3_open_v2(path.c_str(), &db_,
+                            SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                            nullptr) != SQLITE_OK ||
+            sqlite3_exec(db_, schemaText().c_str(), nullptr, nullptr, nullptr) != SQLITE_OK ||
+            sqlite3_exec(db_, "PRAGMA foreign_keys = ON", nullptr, nullptr, nullptr) != SQLITE_OK ||
+            sqlite3_exec(db_,
+                         "INSERT INTO Game (name, date, admin) VALUES ('Benchmark', "
+                         "'2024-01-01 00:00:00', 'admin'); INSERT INTO Deal (gameId, name) "
+                         "VALUES (1, 'deal')",
+                         nullptr, nullptr, nullptr) != SQLITE_OK) {
+            std::fprintf(stderr, "bare setup failed: %s\n", sqlite3_errmsg(db_));
+            std::exit(1);
+        }
+        sqlite3_prepare_v2(db_, "INSERT INTO Election (dealId,playerName,symbol) VALUES (?,?,?)",
+                           -1, &stmt_, nullptr);
+    }
+    ~BareSide() {
+        sqlite3_finalize(stmt_);
+        sqlite3_close(db_);
+    }
+
+    double store(int from, int count) {
+        const auto start = Clock::now();
+        for (int i = from; i < from + count; ++i) {
+            const std::string player = "Gracz " + std::to_string(i % 5);
+            sqlite3_bind_int64(stmt_, 1, 1);
+            sqlite3_bind_text(stmt_, 2, player.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(stmt_, 3, "8", -1, SQLITE_TRANSIENT);
+            if (sqlite3_step(stmt_) != SQLITE_DONE) {
+                ++failures_;
+            }
+            sqlite3_reset(stmt_);
+        }
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    int failures() const { return failures_; }
+
+  private:
+    sqlite3* db_ = nullptr;
+    sqlite3_stmt* stmt_ = nullptr;
+    int failures_ = 0;
+};
 
 }  // namespace
 
@@ -124,17 +138,37 @@ int main(int argc, char** argv) {
     std::filesystem::remove(ours);
     std::filesystem::remove(theirs);
 
-    // Bare first, then ours, then bare again: the mean of the two bare runs evens out drift.
-    const double bare1 = bare(theirs, rows);
-    std::filesystem::remove(theirs);
-    const double queued = viaQueue(ours, rows);
-    const double bare2 = bare(theirs, rows);
-    const double bareRate = (bare1 + bare2) / 2;
-
-    std::printf("elections stored:       %d per run (one row per statement, autocommit)\n", rows);
-    std::printf("through the queue:      %.0f rows/s\n", queued);
-    std::printf("bare sqlite3 loop:      %.0f rows/s (runs: %.0f, %.0f)\n", bareRate, bare1, bare2);
-    std::printf("ratio queue / bare:     %.2f\n", queued / bareRate);
+    // The two sides take turns in blocks, so that the disk's varying fsync speed (other
+    // programs share it) weighs on both alike.
+    constexpr int kBlock = 250;
+    double queueSeconds = 0;
+    double bareSeconds = 0;
+    {
+        QueueSide queue(ours);
+        BareSide bareLoop(theirs);
+        for (int done = 0; done < rows; done += kBlock) {
+            const int count = std::min(kBlock, rows - done);
+            if ((done / kBlock) % 2 == 0) {
+                queueSeconds += queue.store(done, count);
+                bareSeconds += bareLoop.store(done, count);
+            } else {
+                bareSeconds += bareLoop.store(done, count);
+                queueSeconds += queue.store(done, count);
+            }
+        }
+        if (queue.failures() != 0 || bareLoop.failures() != 0) {
+            std::fprintf(stderr, "failed rows: queue %d, bare %d\n", queue.failures(),
+                         bareLoop.failures());
+            return 1;
+        }
+    }
+    const double queued = rows / queueSeconds;
+    const double bareRate = rows / bareSeconds;
+    std::printf("elections stored:   %d per side (one row per statement, autocommit), in %s\n",
+                rows, folder.c_str());
+    std::printf("through the queue:  %.0f rows/s\n", queued);
+    std::printf("bare sqlite3 loop:  %.0f rows/s\n", bareRate);
+    std::printf("ratio queue / bare: %.2f\n", queued / bareRate);
     if (argc <= 2) {
         std::filesystem::remove_all(folder);
     }
