@@ -324,8 +324,17 @@ bool SQLite::execQuery(const std::string& query) {
     return false;
 }
 
+void SQLite::finalizeCachedStatements() {
+    OperationLock lock(db_.load());
+    for (auto& [query, stmt] : insertStatements_) {
+        sqlite3_finalize(stmt);
+    }
+    insertStatements_.clear();
+}
+
 void SQLite::closeStep() {
     sqlite3* db = db_.load();
+    finalizeCachedStatements();
     if (db != nullptr && sqlite3_close(db) == SQLITE_OK) {
         db_.store(nullptr);
     }
@@ -423,16 +432,33 @@ std::optional<std::int64_t> SQLite::insert(const std::string& table,
     const std::string query = "INSERT INTO " + table + " (" + names + ") VALUES (" + values + ")";
     sqlite3* db = db_.load();
     OperationLock lock(db);
-    auto [status, statement] = fetchStatement(query);
-    bool ok = status == SQLiteStatusCode::ok;
-    if (ok) {
-        for (const SQLField& field : fields) {
-            statement.bind(field);
-        }
-        sqlite3_step(statement.stmt());
-        ok = statement.finalize() == SQLITE_OK;
+    if (db == nullptr) {
+        checkError("insert(table:fields:)", __LINE__);
+        return std::nullopt;
     }
-    if (!ok) {
+    sqlite3_stmt* stmt = nullptr;
+    if (auto it = insertStatements_.find(query); it != insertStatements_.end()) {
+        stmt = it->second;
+    } else {
+        auto [status, statement] = fetchStatement(query);
+        if (status != SQLiteStatusCode::ok) {
+            checkError("insert(table:fields:)", __LINE__);
+            return std::nullopt;
+        }
+        stmt = statement.release();
+        insertStatements_.emplace(query, stmt);
+    }
+    SQLiteStatement bound(this, stmt);
+    for (const SQLField& field : fields) {
+        bound.bind(field);
+    }
+    bound.release();
+    sqlite3_step(stmt);
+    // Like finalize, reset returns the error of the step that just ran: this insert's own.
+    const int rc = sqlite3_reset(stmt);
+    // Blobs are bound without copying; drop them before the caller's fields go away.
+    sqlite3_clear_bindings(stmt);
+    if (rc != SQLITE_OK) {
         checkError("insert(table:fields:)", __LINE__);
         return std::nullopt;
     }

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "support/WorkQueue.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace pointlane {
 
@@ -92,6 +94,7 @@ class SQLite final {
     std::optional<QueryResult> runSelect(const std::string& query,
                                          const std::vector<SQLField>* fields);
     void closeStep();
+    void finalizeCachedStatements();
 
     static constexpr std::array<char, 16> SQLiteHeader{'S', 'Q', 'L', 'i', 't', 'e', ' ', 'f',
                                                        'o', 'r', 'm', 'a', 't', ' ', '3', '\0'};
@@ -99,6 +102,10 @@ class SQLite final {
     // Set and cleared only by open(), create() and close(), which run while no other thread
     // uses the connection; atomic so that a reader never sees a torn value.
     std::atomic<sqlite3*> db_{nullptr};
+    // Insert statements kept prepared for the next insert into the same table with the same
+    // columns (the records insert the same shapes over and over); guarded by the connection's
+    // own mutex and finalized before the connection closes.
+    std::unordered_map<std::string, sqlite3_stmt*> insertStatements_;
     mutable std::mutex schemaMutex_;
     std::optional<std::optional<std::string>> schemaPath_;  // guarded by schemaMutex_
 };

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 
 #include "storage/SQLiteStatusCode.h"
 #include "storage/Values.h"
@@ -34,6 +35,9 @@ class SQLiteStatement final {
 
     // Finalizes now; the result is the finalize call's code (the last step's error, if any).
     int finalize();
+
+    // Gives the handle up without finalizing it (the caller owns it from now on).
+    sqlite3_stmt* release() { return std::exchange(stmt_, nullptr); }
 
     SQLite* database() const { return database_; }
     sqlite3_stmt* stmt() const { return stmt_; }
