@@ -233,6 +233,10 @@ TEST_F(SQLiteTest, InsertAndUpdateReportFailuresInTheirOwnWords) {
                               {{"id", DataValue::integer(*id)}, {"name", DataValue::text("bob")}}));
     EXPECT_EQ(rawTexts(path(), "SELECT name || '|' || address FROM PlayerInfo"),
               std::vector<std::string>{"bob|10.0.0.1"});
+
+    // Statements kept for later inserts never keep the connection from closing.
+    sqlm().close();
+    EXPECT_FALSE(sqlm().isOpen());
 }
 
 TEST_F(SQLiteTest, TextIsStoredTrimmedAndConvertedAndReadBackNatural) {
