@@ -25,28 +25,37 @@ bool hasDisplay() {
 int main(int argc, char** argv) {
     using namespace pointlane;
 
-    const auto commandLine = CommandLine::parse(argc, argv);
-    if (!commandLine) {
-        return EXIT_FAILURE;
+    const CommandLineResult parsed = CommandLine::parse(argc, argv);
+    if (!parsed.ok()) {
+        std::fprintf(stderr, "%s\n%s", parsed.error.c_str(), CommandLine::helpText().c_str());
+        return 2;
+    }
+    const CommandLine& commandLine = *parsed.commandLine;
+    if (commandLine.help) {
+        std::fputs(CommandLine::helpText().c_str(), stdout);
+        return EXIT_SUCCESS;
     }
     AppDelegate::Options options;
-    options.port = commandLine->port;
-    options.headless = commandLine->headless || !hasDisplay();
+    options.port = commandLine.port;
+    options.headless = commandLine.headless || !hasDisplay();
+    options.monitor = commandLine.monitor;
 
     std::unique_ptr<QCoreApplication> application;
     if (options.headless) {
         application = std::make_unique<QCoreApplication>(argc, argv);
     } else {
         auto desktop = std::make_unique<QApplication>(argc, argv);
+        // The tray item keeps the application alive; closing the monitor window doesn't quit.
         desktop->setQuitOnLastWindowClosed(false);
         application = std::move(desktop);
     }
+    // after() and mainAsync() run on this event loop from here on.
     MainQueue::install(std::make_shared<QtMainQueue>());
 
     int status = EXIT_SUCCESS;
     {
         auto delegate = AppDelegate::create(options);
-        QuitSignals quitSignals([delegate] { delegate->quitDidClicked(); });
+        QuitSignals quitSignals([delegate](int) { delegate->quitDidClicked(); });
         delegate->applicationWillFinishLaunching();
         delegate->applicationDidFinishLaunching();
         status = application->exec();
@@ -54,7 +63,7 @@ int main(int argc, char** argv) {
     }
 
     // Connection threads are detached and may still be running; static destructors would race
-    // them, so the process ends here without running them once everything is written out.
+    // them, so the process ends here, without running them, once everything is written out.
     std::fflush(stdout);
     std::fflush(stderr);
     std::_Exit(status);

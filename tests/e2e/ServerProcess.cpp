@@ -42,12 +42,16 @@ pid_t ServerProcess::spawn(const std::string& home, const std::vector<std::strin
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;
         if (text.rfind("HOME=", 0) == 0 || text.rfind("DISPLAY=", 0) == 0 ||
-            text.rfind("WAYLAND_DISPLAY=", 0) == 0) {
+            text.rfind("WAYLAND_DISPLAY=", 0) == 0 ||
+            text.rfind("DBUS_SYSTEM_BUS_ADDRESS=", 0) == 0) {
             continue;
         }
         environment.push_back(text);
     }
     environment.push_back("HOME=" + home);
+    // The server under test must not advertise itself through the machine's own mDNS
+    // responder: point it at a bus that doesn't exist (the DNS-SD test gives it a private one).
+    environment.push_back("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + home + "/no-bus");
     std::vector<char*> envp;
     for (auto& text : environment) {
         envp.push_back(text.data());

@@ -120,8 +120,8 @@ int AppDelegate::servedPort() const {
 void AppDelegate::startBonjoure() {
     // Published whether or not the listener could start, on the port that is served.
     const int port = servedPort() != 0 ? servedPort() : options_.port;
-    bonjoureService =
-        std::make_unique<ServiceAdvertiser>(kServiceDomain, kServiceType, kServiceName, port);
+    bonjoureService = std::make_unique<ServiceAdvertiser>(
+        kServiceDomain, kServiceType, kServiceName, static_cast<std::uint16_t>(port));
     bonjoureService->publish();
 }
 

@@ -29,7 +29,7 @@ class AppDelegate final : public QObject,
                           public std::enable_shared_from_this<AppDelegate> {
     Q_OBJECT
 
-public:
+  public:
     static constexpr int kDefaultPort = 50000;
     static constexpr const char* kServiceDomain = "local.";
     static constexpr const char* kServiceType = "_pointlane._tcp";
@@ -39,6 +39,7 @@ public:
     struct Options {
         int port = kDefaultPort;  // 0: any free port
         bool headless = true;     // no tray item, no windows
+        bool monitor = false;     // open the monitor window at start (desktop mode)
     };
 
     // Makes the database folder ($HOME/.Pointlane) and fixes the database path; a folder that
@@ -63,7 +64,7 @@ public:
     // The port actually listened on; 0 until listening started (or when it failed).
     int servedPort() const;
 
-public slots:
+  public slots:
     // Tray menu: show the monitor window.
     void statusDidCliecked();
     // Tray menu quit, and SIGINT/SIGTERM: finishes the pending record writes, closes the
@@ -72,7 +73,7 @@ public slots:
     // The monitor window was closed; its controller is dropped a moment later.
     void windowClose();
 
-private:
+  private:
     explicit AppDelegate(Options options);
     void openDatabase();
     void createDatabase();
