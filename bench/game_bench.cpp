@@ -24,7 +24,6 @@
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -89,13 +88,13 @@ class ServerProcess {
             pid_ = -1;
         }
         posix_spawn_file_actions_destroy(&actions);
-        const std::regex listening("Listening on port ([0-9]+)");
         const auto deadline = Clock::now() + std::chrono::seconds(20);
         while (pid_ != -1 && Clock::now() < deadline) {
-            std::smatch match;
             const std::string text = fileText(err);
-            if (std::regex_search(text, match, listening)) {
-                port_ = std::stoi(match[1]);
+            const auto at = text.find("Listening on port ");
+            const auto end = at == std::string::npos ? at : text.find('\n', at);
+            if (end != std::string::npos) {
+                port_ = std::atoi(text.c_str() + at + 18);
                 break;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <optional>
-#include <regex>
 #include <string>
 
 #include "AvahiSandbox.h"
@@ -66,14 +65,9 @@ TEST(AdvertisementEndToEndTest, ServedPortIsAdvertisedAndWithdrawnWhenTheServerQ
     ASSERT_NE(pid, -1);
 
     int port = 0;
-    const std::regex listening("Listening on port ([0-9]+)");
     ASSERT_TRUE(waitUntil(
         [&] {
-            std::smatch match;
-            const std::string text = fileText(log);
-            if (std::regex_search(text, match, listening)) {
-                port = std::stoi(match[1]);
-            }
+            port = testkit::listeningPortIn(fileText(log)).value_or(0);
             return port != 0;
         },
         kPatience))

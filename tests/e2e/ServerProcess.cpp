@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -27,6 +26,27 @@ std::optional<int> decode(int status) {
     return std::nullopt;
 }
 }  // namespace
+
+std::optional<int> listeningPortIn(const std::string& text) {
+    static const std::string kMark = "Listening on port ";
+    const auto at = text.find(kMark);
+    if (at == std::string::npos) {
+        return std::nullopt;
+    }
+    std::size_t end = at + kMark.size();
+    int port = 0;
+    bool digits = false;
+    while (end < text.size() && text[end] >= '0' && text[end] <= '9') {
+        port = port * 10 + (text[end] - '0');
+        digits = true;
+        ++end;
+    }
+    // A line still being written may end inside the number.
+    if (!digits || end == text.size()) {
+        return std::nullopt;
+    }
+    return port;
+}
 
 std::string fileText(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -92,13 +112,10 @@ std::unique_ptr<ServerProcess> ServerProcess::start(const std::string& home,
     if (process->pid_ == -1) {
         return nullptr;
     }
-    static const std::regex listening("Listening on port ([0-9]+)");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < deadline) {
-        std::smatch match;
-        const std::string text = process->diagnostics();
-        if (std::regex_search(text, match, listening)) {
-            process->port_ = std::stoi(match[1]);
+        if (const auto port = listeningPortIn(process->diagnostics())) {
+            process->port_ = *port;
             return process;
         }
         if (!process->running()) {

@@ -53,6 +53,9 @@ class ServerProcess final {
     std::string errPath_;
 };
 
+// The port in the server's "Listening on port N" line, once the text holds one.
+std::optional<int> listeningPortIn(const std::string& text);
+
 // The text of a file, empty when it can't be read.
 std::string fileText(const std::string& path);
 
