@@ -151,17 +151,31 @@ void ClientServer::stop() {
             return;
         }
         stopping_ = true;
+        // Only wake the threads blocked on these sockets here; the descriptors are closed once
+        // those threads are gone, so no descriptor is closed under a running read or accept.
         for (auto& connection : connections_) {
-            connection->shutdown();
+            wake(*connection);
         }
         readers.swap(readers_);
     }
-    listener_->shutdown();
+    wake(*listener_);
     if (acceptor_.joinable()) {
         acceptor_.join();
     }
     for (auto& reader : readers) {
         reader.join();
+    }
+    std::lock_guard lock(mutex_);
+    for (auto& connection : connections_) {
+        connection->shutdown();
+    }
+    listener_->shutdown();
+}
+
+void ClientServer::wake(Socket& socket) {
+    const int descriptor = socket.socketFileDescriptor();
+    if (descriptor != -1) {
+        ::shutdown(descriptor, SHUT_RDWR);
     }
 }
 

@@ -64,6 +64,8 @@ class ClientServer final {
     ClientServer(std::shared_ptr<Socket> listener, Options options);
     void acceptLoop();
     void readLoop(std::shared_ptr<Socket> connection);
+    // Ends a blocked read or accept on the socket without closing its descriptor.
+    static void wake(Socket& socket);
 
     std::shared_ptr<Socket> listener_;
     Options options_;
