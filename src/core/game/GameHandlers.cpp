@@ -1,9 +1,5 @@
 #include "game/GameHandlers.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -166,15 +162,7 @@ void endGame() {
 }  // namespace
 
 PokerThread::PokerThread(std::shared_ptr<Socket> socket)
-    : PokerThread(std::move(socket), GameHandlers::handlers()) {
-    // Answers are written as a header and a body; without this the body would wait for the
-    // client's delayed acknowledgement of the header.
-    if (this->socket && this->socket->socketFileDescriptor() != -1) {
-        const int on = 1;
-        ::setsockopt(this->socket->socketFileDescriptor(), IPPROTO_TCP, TCP_NODELAY, &on,
-                     sizeof on);
-    }
-}
+    : PokerThread(std::move(socket), GameHandlers::handlers()) {}
 
 PokerThread::Handlers GameHandlers::handlers() {
     PokerThread::Handlers h;

@@ -1,7 +1,5 @@
 #include "game/Player.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -70,9 +68,8 @@ bool Player::connectBack(const std::string& host, int port) {
     if (descriptor == -1 || connect_socket(descriptor, host.c_str(), port) != 0) {
         return false;
     }
+    // Writes are bounded per frame in send(); this bounds any other blocking write as well.
     clientSocket->setSendTimeout(kSendTimeoutSeconds);
-    const int on = 1;
-    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     return true;
 }
 

@@ -28,8 +28,8 @@ class Player final {
     // Equal when the names are equal (exact, case-sensitive).
     bool operator==(const Player& other) const { return name == other.name; }
 
-    // Connects clientSocket to host:port, bounds its writes with kSendTimeoutSeconds and turns
-    // off write coalescing (notifications are small and latency matters). True when connected.
+    // Connects clientSocket to host:port and bounds its writes with kSendTimeoutSeconds. True
+    // when connected.
     bool connectBack(const std::string& host, int port);
 
     // Writes one whole frame on the push connection. A failed or timed-out write shuts the
