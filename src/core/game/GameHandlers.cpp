@@ -83,9 +83,15 @@ std::optional<LoginData> loginData(const Request& request, bool needsGameName) {
 }
 
 void send(const std::shared_ptr<Socket>& socket, const Answer& answer) {
-    if (const auto body = answer.json()) {
-        sendFrame(*socket, *body);
+    const auto body = answer.json();
+    if (!body || body->size() > static_cast<std::size_t>(kMaxFrameBodyLength)) {
+        return;
     }
+    // Length and body in one write: one segment per answer, and never a body without its
+    // length on the wire.
+    Bytes frame = frameHeader(static_cast<std::int32_t>(body->size()));
+    frame.insert(frame.end(), body->begin(), body->end());
+    socket->writeData(frame);
 }
 
 void refuse(const std::shared_ptr<Socket>& socket, AnswerMessage message, std::string token = {}) {
