@@ -168,6 +168,15 @@ TEST(PlayerStoreTest, NotificationsCarryEachRecipientsTokenAndSkipBrokenConnecti
             EXPECT_EQ(notification.token, std::optional<std::string>(token));
             EXPECT_FALSE(notification.query);
         }
+        // On the wire: the code as a number, the token, and data only where there is some.
+        const auto bodies = server->bodies();
+        ASSERT_EQ(bodies.size(), 4u);
+        const auto play = nlohmann::json::parse(bodies[0].begin(), bodies[0].end());
+        EXPECT_EQ(play, (nlohmann::json{{"request", 4}, {"token", token}}));
+        const auto added = nlohmann::json::parse(bodies[1].begin(), bodies[1].end());
+        EXPECT_EQ(added.size(), 3u);
+        EXPECT_EQ(added["request"], 6);
+        EXPECT_EQ(added["data"], "eyJwbGF5ZXJfbmFtZSI6IkN5In0=");  // {"player_name":"Cy"}
         EXPECT_EQ(server->undecodable(), 0);
     }
     EXPECT_EQ(store.count(), 3u);  // the unreachable player stays registered
