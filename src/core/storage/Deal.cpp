@@ -52,16 +52,7 @@ std::vector<SQLField> Deal::fieldsArray() const {
 }
 
 bool Deal::save() {
-    const auto fields = fieldsArray();
-    if (id < 1) {
-        const auto rowId = sqlm().insert("Deal", fields);
-        if (!rowId) {
-            return false;
-        }
-        id = *rowId;
-        return true;
-    }
-    return sqlm().update("Deal", fields);
+    return saveRecord("Deal", fieldsArray(), id);
 }
 
 std::string Deal::description() const {
@@ -70,21 +61,8 @@ std::string Deal::description() const {
 }
 
 std::optional<std::vector<std::shared_ptr<Deal>>> Deal::dealsFor(std::int64_t game) {
-    const auto rows = sqlm().select("SELECT * FROM Deal WHERE gameId=" + std::to_string(game) +
-                                    " ORDER BY id DESC");
-    if (!rows) {
-        return std::nullopt;
-    }
-    std::vector<std::shared_ptr<Deal>> list;
-    for (const RowData& row : *rows) {
-        if (auto deal = fromRow(row)) {
-            list.push_back(std::move(deal));
-        }
-    }
-    if (list.empty()) {
-        return std::nullopt;
-    }
-    return list;
+    return recordsFrom<Deal>("SELECT * FROM Deal WHERE gameId=" + std::to_string(game) +
+                             " ORDER BY id DESC");
 }
 
 }  // namespace pointlane

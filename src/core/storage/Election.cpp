@@ -62,34 +62,12 @@ std::vector<SQLField> Election::fieldsArray() const {
 }
 
 bool Election::save() {
-    const auto fields = fieldsArray();
-    if (id < 1) {
-        const auto rowId = sqlm().insert("Election", fields);
-        if (!rowId) {
-            return false;
-        }
-        id = *rowId;
-        return true;
-    }
-    return sqlm().update("Election", fields);
+    return saveRecord("Election", fieldsArray(), id);
 }
 
 std::optional<std::vector<std::shared_ptr<Election>>> Election::electionsFor(std::int64_t deal) {
-    const auto rows = sqlm().select("SELECT * FROM Election WHERE dealId=" + std::to_string(deal) +
-                                    " ORDER BY id DESC");
-    if (!rows) {
-        return std::nullopt;
-    }
-    std::vector<std::shared_ptr<Election>> list;
-    for (const RowData& row : *rows) {
-        if (auto election = fromRow(row)) {
-            list.push_back(std::move(election));
-        }
-    }
-    if (list.empty()) {
-        return std::nullopt;
-    }
-    return list;
+    return recordsFrom<Election>("SELECT * FROM Election WHERE dealId=" + std::to_string(deal) +
+                                 " ORDER BY id DESC");
 }
 
 }  // namespace pointlane

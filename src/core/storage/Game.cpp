@@ -63,16 +63,7 @@ std::vector<SQLField> Game::fieldsArray() const {
 }
 
 bool Game::save() {
-    const auto fields = fieldsArray();
-    if (id < 1) {
-        const auto rowId = sqlm().insert("Game", fields);
-        if (!rowId) {
-            return false;
-        }
-        id = *rowId;
-        return true;
-    }
-    return sqlm().update("Game", fields);
+    return saveRecord("Game", fieldsArray(), id);
 }
 
 std::string Game::description() const {
@@ -81,20 +72,7 @@ std::string Game::description() const {
 }
 
 std::optional<std::vector<std::shared_ptr<Game>>> Game::games() {
-    const auto rows = sqlm().select("SELECT * FROM Game ORDER BY id DESC");
-    if (!rows) {
-        return std::nullopt;
-    }
-    std::vector<std::shared_ptr<Game>> list;
-    for (const RowData& row : *rows) {
-        if (auto game = fromRow(row)) {
-            list.push_back(std::move(game));
-        }
-    }
-    if (list.empty()) {
-        return std::nullopt;
-    }
-    return list;
+    return recordsFrom<Game>("SELECT * FROM Game ORDER BY id DESC");
 }
 
 }  // namespace pointlane

@@ -55,16 +55,7 @@ std::vector<SQLField> PlayerInfo::fieldsArray() const {
 }
 
 bool PlayerInfo::save() {
-    const auto fields = fieldsArray();
-    if (id < 1) {
-        const auto rowId = sqlm().insert("PlayerInfo", fields);
-        if (!rowId) {
-            return false;
-        }
-        id = *rowId;
-        return true;
-    }
-    return sqlm().update("PlayerInfo", fields);
+    return saveRecord("PlayerInfo", fieldsArray(), id);
 }
 
 bool PlayerInfo::remove() {
@@ -81,20 +72,7 @@ std::string PlayerInfo::description() const {
 }
 
 std::optional<std::vector<std::shared_ptr<PlayerInfo>>> PlayerInfo::all() {
-    const auto rows = sqlm().select("SELECT * FROM PlayerInfo ORDER BY name");
-    if (!rows) {
-        return std::nullopt;
-    }
-    std::vector<std::shared_ptr<PlayerInfo>> list;
-    for (const RowData& row : *rows) {
-        if (auto player = fromRow(row)) {
-            list.push_back(std::move(player));
-        }
-    }
-    if (list.empty()) {
-        return std::nullopt;
-    }
-    return list;
+    return recordsFrom<PlayerInfo>("SELECT * FROM PlayerInfo ORDER BY name");
 }
 
 std::shared_ptr<PlayerInfo> PlayerInfo::player(const std::string& named) {
