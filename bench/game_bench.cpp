@@ -32,13 +32,12 @@
 #include "ClientConnection.h"
 #include "ClientServer.h"
 #include "PokerClient.h"
+#include "ServerProcess.h"
 #include "transport/Answer.h"
 #include "transport/Frame.h"
 #include "transport/Request.h"
 #include "transport/Socket.h"
 #include "transport/SocketFunctions.h"
-
-extern char** environ;
 
 namespace {
 
@@ -47,71 +46,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kPlayers = 5;
 constexpr int kWarmUp = 200;
-
-std::string fileText(const std::string& path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// The server binary with its own HOME; killed when the object goes.
-class ServerProcess {
-  public:
-    explicit ServerProcess(const std::string& home) {
-        const std::string err = home + "/server.err";
-        std::vector<std::string> environment{"HOME=" + home};
-        for (char** e = environ; *e != nullptr; ++e) {
-            const std::string entry = *e;
-            if (entry.rfind("HOME=", 0) != 0 && entry.rfind("DISPLAY=", 0) != 0) {
-                environment.push_back(entry);
-            }
-        }
-        std::vector<char*> envp;
-        for (auto& e : environment) {
-            envp.push_back(e.data());
-        }
-        envp.push_back(nullptr);
-        std::vector<std::string> args{POINTLANE_BINARY, "--headless", "--port", "0"};
-        std::vector<char*> argv;
-        for (auto& a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (posix_spawn(&pid_, POINTLANE_BINARY, &actions, nullptr, argv.data(), envp.data()) !=
-            0) {
-            pid_ = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        const auto deadline = Clock::now() + std::chrono::seconds(20);
-        while (pid_ != -1 && Clock::now() < deadline) {
-            const std::string text = fileText(err);
-            const auto at = text.find("Listening on port ");
-            const auto end = at == std::string::npos ? at : text.find('\n', at);
-            if (end != std::string::npos) {
-                port_ = std::atoi(text.c_str() + at + 18);
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-    }
-    ~ServerProcess() {
-        if (pid_ != -1) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
-    int port() const { return port_; }
-
-  private:
-    pid_t pid_ = -1;
-    int port_ = 0;
-};
 
 void noDelay(int descriptor) {
     const int on = 1;
@@ -238,11 +172,12 @@ int main(int argc, char** argv) {
     Result server;
     Result baseline;
     {
-        ServerProcess process(home);
-        if (process.port() == 0) {
+        auto started = testkit::ServerProcess::start(home);
+        if (!started) {
             std::fprintf(stderr, "the server did not start\n");
             return 1;
         }
+        testkit::ServerProcess& process = *started;
         // The administrator and four players, each with its own client server.
         std::vector<std::unique_ptr<ClientServer>> receivers;
         std::vector<std::unique_ptr<PokerClient>> clients;
