@@ -32,29 +32,38 @@ TEST_F(MonitorWindowConcurrencyTest, ClosingTheWindowWhileRecordsAreStoredIsSafe
     ASSERT_TRUE(game && game->save());
     const std::int64_t gameId = game->id;
 
+    // The writer stores one batch per opening of the window, and the window closes halfway
+    // through each batch, so closing always races with stores and announcements.
+    constexpr int kBatch = kRecords / kRounds;
     std::atomic<int> stored{0};
+    std::atomic<int> opened{0};
     std::thread writer([&] {
-        for (int i = 0; i < kRecords; ++i) {
-            sqlm().async([&stored, gameId, i] {
-                auto deal = Deal::make(gameId, "Zadanie " + std::to_string(i));
-                if (deal && deal->save()) {
-                    post(Event::dealTableDidChange);
-                }
-                auto election = Election::make(deal ? deal->id : 0, std::string("Żaneta"),
-                                               std::to_string(i % 13));
-                if (election && election->save()) {
-                    post(Event::electionTableDidChange);
-                }
-                if (i % 50 == 0) {
-                    auto player = PlayerInfo::make(std::string("Gracz ") + std::to_string(i),
-                                                   std::string("10.0.0.1"));
-                    if (player && player->save()) {
-                        post(Event::playerTableDidChange);
+        for (int batch = 0; batch < kRounds; ++batch) {
+            if (!testkit::waitUntil([&] { return opened.load() > batch; })) {
+                return;
+            }
+            for (int i = batch * kBatch; i < (batch + 1) * kBatch; ++i) {
+                sqlm().async([&stored, gameId, i] {
+                    auto deal = Deal::make(gameId, "Zadanie " + std::to_string(i));
+                    if (deal && deal->save()) {
+                        post(Event::dealTableDidChange);
                     }
-                    post(Event::gameTableDidChange);
-                }
-                stored.fetch_add(1);
-            });
+                    auto election = Election::make(deal ? deal->id : 0, std::string("Żaneta"),
+                                                   std::to_string(i % 13));
+                    if (election && election->save()) {
+                        post(Event::electionTableDidChange);
+                    }
+                    if (i % 25 == 0) {
+                        auto player =
+                            PlayerInfo::make("Gracz " + std::to_string(i), std::string("10.0.0.1"));
+                        if (player && player->save()) {
+                            post(Event::playerTableDidChange);
+                        }
+                        post(Event::gameTableDidChange);
+                    }
+                    stored.fetch_add(1);
+                });
+            }
         }
     });
 
@@ -66,8 +75,8 @@ TEST_F(MonitorWindowConcurrencyTest, ClosingTheWindowWhileRecordsAreStoredIsSafe
                                                            : StackedViewIndex::players);
         // Follow the game, so the deal and election lists re-read on every announcement.
         controller->stackedView->historyView->gameTable->tableView->selectRow(0);
-        const int seen = stored.load();
-        EXPECT_TRUE(pumpUntil([&] { return stored.load() >= std::min(seen + 10, kRecords); }));
+        opened.store(round + 1);
+        EXPECT_TRUE(pumpUntil([&] { return stored.load() >= round * kBatch + kBatch / 2; }));
         controller->close();
         delete controller;  // while the queue goes on storing and announcing
     }
