@@ -9,6 +9,7 @@ packages=(
   libavahi-client-dev libicu-dev libsqlite3-dev nlohmann-json3-dev
   googletest libgtest-dev libgmock-dev
   dbus avahi-daemon avahi-utils xvfb xauth sqlite3 fonts-dejavu-core
+  iproute2 util-linux mount
 )
 
 missing=()

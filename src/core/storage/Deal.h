@@ -9,10 +9,11 @@
 namespace pointlane {
 
 struct RowData;
+struct SQLField;
 
 // One item to estimate within a game; table "Deal". id 0 = not stored yet.
 class Deal final {
-public:
+  public:
     // Game id present and above 0, trimmed title non-empty; nullptr otherwise.
     static std::shared_ptr<Deal> make(std::optional<std::int64_t> gameId, const std::string& title);
     static std::shared_ptr<Deal> fromRow(const RowData& row);
@@ -26,6 +27,10 @@ public:
     std::int64_t id = 0;
     std::int64_t gameId = 0;
     std::string name;
+
+  private:
+    // The columns to write, in table order; "id" first only once stored.
+    std::vector<SQLField> fieldsArray() const;
 };
 
 }  // namespace pointlane

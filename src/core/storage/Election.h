@@ -9,10 +9,11 @@
 namespace pointlane {
 
 struct RowData;
+struct SQLField;
 
 // One card chosen for a deal; table "Election". id 0 = not stored yet.
 class Election final {
-public:
+  public:
     // init(deal:player:symbol:): deal id above 0, both texts non-empty after trimming.
     static std::shared_ptr<Election> make(std::optional<std::int64_t> deal,
                                           const std::optional<std::string>& player,
@@ -28,6 +29,10 @@ public:
     std::int64_t dealId = 0;
     std::string playerName;
     std::string symbol;
+
+  private:
+    // The columns to write, in table order; "id" first only once stored.
+    std::vector<SQLField> fieldsArray() const;
 };
 
 }  // namespace pointlane

@@ -10,11 +10,12 @@
 namespace pointlane {
 
 struct RowData;
+struct SQLField;
 
 // One estimation game opened by an administrator; table "Game". id 0 = not stored yet.
 // Threading: a record is used by one thread at a time; the queries run on the caller's thread.
 class Game final {
-public:
+  public:
     using Clock = std::chrono::system_clock;
 
     // init(gameName:adminName:): both trimmed texts non-empty; date = now. nullptr otherwise.
@@ -33,6 +34,10 @@ public:
     std::string name;
     Clock::time_point date;
     std::string admin;
+
+  private:
+    // The columns to write, in table order; "id" first only once stored.
+    std::vector<SQLField> fieldsArray() const;
 };
 
 }  // namespace pointlane

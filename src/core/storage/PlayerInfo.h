@@ -9,10 +9,11 @@
 namespace pointlane {
 
 struct RowData;
+struct SQLField;
 
 // A known player and the address it logged in from; table "PlayerInfo". id 0 = not stored yet.
 class PlayerInfo final {
-public:
+  public:
     // init(name:address:): both present and non-empty after trimming; nullptr otherwise.
     static std::shared_ptr<PlayerInfo> make(const std::optional<std::string>& name,
                                             const std::optional<std::string>& address);
@@ -32,6 +33,10 @@ public:
     std::int64_t id = 0;
     std::string name;
     std::string address;
+
+  private:
+    // The columns to write, in table order; "id" first only once stored.
+    std::vector<SQLField> fieldsArray() const;
 };
 
 }  // namespace pointlane

@@ -1,15 +1,23 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
+#include "storage/SQLiteStatement.h"
+#include "storage/SQLiteStatusCode.h"
+#include "storage/Values.h"
 #include "support/WorkQueue.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace pointlane {
 
@@ -22,7 +30,7 @@ namespace pointlane {
 // create() and close() run when no other thread uses the connection. Record writes are
 // submitted with async() and run one at a time, in submission order.
 class SQLite final {
-public:
+  public:
     // The single instance, created on first use and never destroyed.
     static SQLite& shared();
 
@@ -40,8 +48,7 @@ public:
     bool open(const std::string& path);
     // Creates the database from the schema script, runs initializer (when given) and switches
     // foreign keys on; on failure the connection is closed.
-    bool create(const std::string& path,
-                const std::function<bool(SQLite&)>& initializer = nullptr);
+    bool create(const std::string& path, const std::function<bool(SQLite&)>& initializer = nullptr);
     // Runs SQL text with sqlite3_exec; rows are discarded.
     bool execQuery(const std::string& query);
     // Closes the connection if one is open and the library accepts.
@@ -52,15 +59,60 @@ public:
     // Where the schema script is read from; by default "Schema.sql" found next to the
     // executable or in the installed data folder. Tests point it elsewhere (empty: no script).
     void setSchemaPath(std::optional<std::string> path);
+    // Back to the default lookup.
+    void resetSchemaPath();
 
-    // ---- statements, values and rows (select, insert, update) are declared below ----
+    // ---- statements, values and rows ----
 
-private:
+    // Prepares the first statement of query: notReadyToWork without an open database, else
+    // the prepare call's code; the statement holds the handle only on success.
+    std::pair<SQLiteStatusCode, SQLiteStatement> fetchStatement(const std::string& query);
+    // Rows of query, text read back in natural form; an empty result when there are none,
+    // nothing on failure (reported). A statement without result columns is never run.
+    std::optional<QueryResult> select(const std::string& query);
+    // The same with named parameters (":" + field name) bound like insert's fields, so that
+    // values never become part of the statement text.
+    std::optional<QueryResult> select(const std::string& query,
+                                      const std::vector<SQLField>& fields);
+    // "INSERT INTO table (a,b) VALUES (:a,:b)"; the new row id, nothing on failure (reported).
+    std::optional<std::int64_t> insert(const std::string& table,
+                                       const std::vector<SQLField>& fields);
+    // "UPDATE table SET id=:id,... WHERE id=<id>"; the first field must be the integer key.
+    bool update(const std::string& table, const std::vector<SQLField>& fields);
+
+  private:
     SQLite();
     ~SQLite();
+
+    class OperationLock;
+
+    bool createTables();
+    std::optional<std::string> contentOfFileAt(const std::string& path);
+    std::optional<std::string> schemaScriptPath() const;
+    void checkError(const std::string& function, int line);
+    bool execLocked(const std::string& query);
+    std::optional<QueryResult> runSelect(const std::string& query,
+                                         const std::vector<SQLField>* fields);
+    void closeStep();
+    void finalizeCachedStatements();
+
+    static constexpr std::array<char, 16> SQLiteHeader{'S', 'Q', 'L', 'i', 't', 'e', ' ', 'f',
+                                                       'o', 'r', 'm', 'a', 't', ' ', '3', '\0'};
+    WorkQueue sqliteQueue_{"sqlite.manager"};
+    // Set and cleared only by open(), create() and close(), which run while no other thread
+    // uses the connection; atomic so that a reader never sees a torn value.
+    std::atomic<sqlite3*> db_{nullptr};
+    // Insert statements kept prepared for the next insert into the same table with the same
+    // columns (the records insert the same shapes over and over); guarded by the connection's
+    // own mutex and finalized before the connection closes.
+    std::unordered_map<std::string, sqlite3_stmt*> insertStatements_;
+    mutable std::mutex schemaMutex_;
+    std::optional<std::optional<std::string>> schemaPath_;  // guarded by schemaMutex_
 };
 
 // The application-wide database object, the same as SQLite::shared().
-inline SQLite& sqlm() { return SQLite::shared(); }
+inline SQLite& sqlm() {
+    return SQLite::shared();
+}
 
 }  // namespace pointlane

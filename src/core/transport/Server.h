@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 
 #include "transport/Socket.h"
 
@@ -39,6 +41,17 @@ public:
 
 private:
     Server() = default;
+    // Wraps one accepted descriptor and starts its connection thread, or drops it.
+    void acceptConnection(int descriptor);
+    // Re-listens before the next accept, or closes the listening socket once stop() was asked.
+    bool listenAgain();
+    bool stopping() const;
+
+    // stop() only shuts the listening socket down; the listener thread closes the descriptor
+    // itself, so no other thread closes it while accept() may be using it.
+    mutable std::mutex stateMutex_;
+    bool stopping_ = false;  // guarded by stateMutex_
+
     std::atomic<int> listeningPort_{0};
 };
 

@@ -5,6 +5,11 @@
 
 namespace pointlane {
 
+// Stands for "writes to a closed peer must not raise SIGPIPE" in setopt_socket: SO_NOSIGPIPE
+// where the platform has it; elsewhere setting it succeeds without a system option, since
+// write_bytes never raises the signal anyway.
+constexpr int kNoSigPipeOption = -0x4e53;
+
 // Resolves host (IPv4) and connects to its first address on port. -1 when the name does not
 // resolve; otherwise the result of connect (0 or -1).
 int connect_socket(int descriptor, const char* host, int port);

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace pointlane {
+
+// Text operations for stored text and the schema script. They work on user-perceived
+// characters (grapheme clusters), so a letter written as base letter plus combining mark
+// counts as the precomposed letter, and CR LF is one character. Input is UTF-8; none of them
+// fails or changes its input.
+// Thread safe: every call uses only its own (thread-local) state.
+
+// The eighteen Polish letters as base letter + "~" ("ł" -> "l~", "ź" -> "x~", "ż" -> "z~").
+std::string polish(std::string_view text);
+// The reverse: a base letter followed by "~" becomes the Polish letter.
+std::string utf(std::string_view text);
+// The SQL script without "--", "//" and "/* */" comments; a line comment's line feed is kept.
+std::string removeComments(std::string_view text);
+// Trimmed, white-space runs collapsed to one space, none after "{[(" nor before ",)]}".
+std::string cleaned(std::string_view text);
+// Without white space at either end.
+std::string trimmed(std::string_view text);
+
+// Space separators (Zs), U+2028, U+2029, U+0009..U+000D and U+0085.
+bool isWhiteSpace(char32_t codePoint);
+
+}  // namespace pointlane

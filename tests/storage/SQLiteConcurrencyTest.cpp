@@ -1,0 +1,116 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "StorageFixture.h"
+#include "storage/PlayerInfo.h"
+#include "storage/SQLite.h"
+
+namespace pointlane {
+namespace {
+
+class SQLiteConcurrencyTest : public testing::StorageFixture {};
+
+// Writes on the queue overlap reads on other threads, one of which keeps failing. Every
+// operation must judge its own success: a failing read must not fail a write, and a write must
+// not make a read look failed or return rows it did not read.
+TEST_F(SQLiteConcurrencyTest, QueuedWritesAndOverlappingReadsEachSeeTheirOwnResult) {
+    constexpr int kRows = 5000;
+    // Durability is not under test here; the disk would only slow the overlap down.
+    ASSERT_TRUE(sqlm().execQuery("PRAGMA synchronous = OFF"));
+
+    std::atomic<int> saved{0};
+    std::atomic<int> failedSaves{0};
+    std::atomic<bool> writerDone{false};
+    for (int i = 0; i < kRows; ++i) {
+        sqlm().async([&, i] {
+            auto player = PlayerInfo::make("Gracz ł" + std::to_string(i), "10.0.0.1");
+            if (player && player->save() && player->id == i + 1) {
+                ++saved;
+            } else {
+                ++failedSaves;
+            }
+        });
+    }
+    sqlm().async([&] { writerDone = true; });
+
+    std::atomic<int> goodReads{0};
+    std::atomic<int> wrongReads{0};
+    std::atomic<int> badReadsSeenFailing{0};
+    std::atomic<int> badReadsSeenSucceeding{0};
+    ::testing::internal::CaptureStdout();
+    std::thread reader([&] {
+        std::size_t last = 0;
+        while (!writerDone) {
+            auto rows = sqlm().select("SELECT id, name FROM PlayerInfo ORDER BY id");
+            if (!rows || rows->size() < last) {
+                ++wrongReads;
+                continue;
+            }
+            last = rows->size();
+            std::int64_t expected = 1;
+            for (const auto& row : *rows) {
+                const auto id = row["id"]->data.integerValue();
+                const auto name = row["name"]->data.textValue();
+                if (id != expected || name != "Gracz ł" + std::to_string(expected - 1)) {
+                    ++wrongReads;
+                    break;
+                }
+                ++expected;
+            }
+            ++goodReads;
+        }
+    });
+    std::thread failingReader([&] {
+        // Bounded so that the reports stay a readable size.
+        for (int i = 0; i < 3000 && !writerDone; ++i) {
+            if (sqlm().select("SELECT missing FROM Nowhere")) {
+                ++badReadsSeenSucceeding;
+            } else {
+                ++badReadsSeenFailing;
+            }
+        }
+    });
+    sqlm().drain();
+    reader.join();
+    failingReader.join();
+    const std::string output = ::testing::internal::GetCapturedStdout();
+
+    EXPECT_EQ(saved.load(), kRows);
+    EXPECT_EQ(failedSaves.load(), 0);
+    EXPECT_EQ(wrongReads.load(), 0);
+    EXPECT_GT(goodReads.load(), 0);
+    EXPECT_EQ(badReadsSeenSucceeding.load(), 0);
+    // Exactly one report per failing read, each naming the read and its own message.
+    std::size_t reports = 0;
+    std::size_t pos = 0;
+    while ((pos = output.find('\n', pos)) != std::string::npos) {
+        ++reports;
+        ++pos;
+    }
+    EXPECT_EQ(reports, static_cast<std::size_t>(badReadsSeenFailing.load()));
+    EXPECT_EQ(output.find("insert(table:fields:)"), std::string::npos);
+    const std::string report = "SQLite: select(query:) (";
+    const std::string message = "no such table: Nowhere (1)\n";
+    pos = 0;
+    std::size_t matching = 0;
+    while ((pos = output.find(report, pos)) != std::string::npos) {
+        const std::size_t end = output.find('\n', pos);
+        const std::string line = output.substr(pos, end - pos + 1);
+        if (line.size() >= message.size() &&
+            line.compare(line.size() - message.size(), message.size(), message) == 0) {
+            ++matching;
+        }
+        pos = end;
+    }
+    EXPECT_EQ(matching, reports) << output.substr(0, output.find('\n'));
+
+    auto all = PlayerInfo::all();
+    ASSERT_TRUE(all.has_value());
+    EXPECT_EQ(all->size(), static_cast<std::size_t>(kRows));
+}
+
+}  // namespace
+}  // namespace pointlane
