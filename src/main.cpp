@@ -1,71 +1,70 @@
-// Serves the request protocol on a port in the foreground until the process is stopped.
-// Connections are answered by dispatch alone, so every request gets "unknownRequest" or
-// nothing until the game's handlers are wired in.
-#include <cerrno>
+// The server's entry point: a Qt event loop around AppDelegate, headless when asked to be or
+// when there is no display.
+#include <QApplication>
+#include <QCoreApplication>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <string>
 
-#include "game/PokerThread.h"
-#include "transport/Server.h"
+#include "app/AppDelegate.h"
+#include "app/CommandLine.h"
+#include "app/QtMainQueue.h"
+#include "app/QuitSignals.h"
+#include "support/MainQueue.h"
 
 namespace {
 
-constexpr int kDefaultPort = 50000;
-
-class DispatchOnlyDelegate final : public pointlane::ServerDelegate {
-  public:
-    std::shared_ptr<pointlane::ServerThread> serverThread(
-        std::shared_ptr<pointlane::Socket> socket) override {
-        return std::make_shared<pointlane::PokerThread>(std::move(socket),
-                                                        pointlane::PokerThread::Handlers{});
-    }
-};
-
-int usage(const char* program) {
-    std::fprintf(stderr, "usage: %s [--port N] [--headless]   (N from 1 to 65535)\n", program);
-    return 2;
-}
-
-bool parsePort(const char* text, int& port) {
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value < 1 || value > 65535) {
-        return false;
-    }
-    port = static_cast<int>(value);
-    return true;
+bool hasDisplay() {
+    const char* x11 = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    int port = kDefaultPort;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
-            if (!parsePort(argv[++i], port)) {
-                return usage(argv[0]);
-            }
-        } else if (std::strncmp(argv[i], "--port=", 7) == 0) {
-            if (!parsePort(argv[i] + 7, port)) {
-                return usage(argv[0]);
-            }
-        } else if (std::strcmp(argv[i], "--headless") == 0) {
-            // Always headless for now.
-        } else {
-            return usage(argv[0]);
-        }
+    using namespace pointlane;
+
+    const CommandLineResult parsed = CommandLine::parse(argc, argv);
+    if (!parsed.ok()) {
+        std::fprintf(stderr, "%s\n%s", parsed.error.c_str(), CommandLine::helpText().c_str());
+        return 2;
+    }
+    const CommandLine& commandLine = *parsed.commandLine;
+    if (commandLine.help) {
+        std::fputs(CommandLine::helpText().c_str(), stdout);
+        return EXIT_SUCCESS;
+    }
+    AppDelegate::Options options;
+    options.port = commandLine.port;
+    options.headless = commandLine.headless || !hasDisplay();
+    options.monitor = commandLine.monitor;
+
+    std::unique_ptr<QCoreApplication> application;
+    if (options.headless) {
+        application = std::make_unique<QCoreApplication>(argc, argv);
+    } else {
+        auto desktop = std::make_unique<QApplication>(argc, argv);
+        // The tray item keeps the application alive; closing the monitor window doesn't quit.
+        desktop->setQuitOnLastWindowClosed(false);
+        application = std::move(desktop);
+    }
+    // after() and mainAsync() run on this event loop from here on.
+    MainQueue::install(std::make_shared<QtMainQueue>());
+
+    int status = EXIT_SUCCESS;
+    {
+        auto delegate = AppDelegate::create(options);
+        QuitSignals quitSignals([delegate](int) { delegate->quitDidClicked(); });
+        delegate->applicationWillFinishLaunching();
+        delegate->applicationDidFinishLaunching();
+        status = application->exec();
+        delegate->applicationWillTerminate();
     }
 
-    auto delegate = std::make_shared<DispatchOnlyDelegate>();
-    const std::shared_ptr<pointlane::Server> server = pointlane::Server::create(delegate);
-    if (!server) {
-        std::fprintf(stderr, "Can't create the server socket\n");
-        return 1;
-    }
-    server->runOnPort(port);
-    return 1;  // the accept loop only ends when binding or listening failed
+    // Connection threads are detached and may still be running; static destructors would race
+    // them, so the process ends here, without running them, once everything is written out.
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(status);
 }

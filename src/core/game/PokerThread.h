@@ -18,7 +18,7 @@ namespace pointlane {
 // Threading: owned by its connection thread. The class-wide login count is guarded by
 // counterMutex.
 class PokerThread final : public ServerThread {
-public:
+  public:
     // Called with the request and the connection's own socket; writes its own answer.
     using Handler = std::function<void(const Request&, const std::shared_ptr<Socket>&)>;
 

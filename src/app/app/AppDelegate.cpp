@@ -1,0 +1,163 @@
+#include "app/AppDelegate.h"
+
+#include <QCoreApplication>
+#include <QTimer>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "app/ServiceAdvertiser.h"
+#include "game/GameState.h"
+#include "game/PokerThread.h"
+#include "storage/SQLite.h"
+#include "support/Tracer.h"
+
+namespace pointlane {
+
+namespace {
+
+constexpr const char* kSubject = "AppDelegate";
+// How long launch waits for the listener to report its port.
+constexpr auto kListenWait = std::chrono::seconds(5);
+
+[[noreturn]] void fatalError(const std::string& message) {
+    std::fputs(message.c_str(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(EXIT_FAILURE);
+}
+
+std::string homeDirectory() {
+    const char* home = std::getenv("HOME");
+    return home != nullptr ? home : "";
+}
+
+}  // namespace
+
+std::shared_ptr<AppDelegate> AppDelegate::create(Options options) {
+    return std::shared_ptr<AppDelegate>(new AppDelegate(options));
+}
+
+AppDelegate::AppDelegate(Options options) : options_(options) {
+    const std::filesystem::path directory = homeDirectory() + "/.Pointlane";
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) {
+        fatalError(error.message());
+    }
+    databasePath_ = (directory / "Pointlane.sqlite").string();
+}
+
+AppDelegate::~AppDelegate() {
+    applicationWillTerminate();
+}
+
+void AppDelegate::applicationWillFinishLaunching() {
+    std::error_code error;
+    const bool isFile = std::filesystem::exists(databasePath_, error) &&
+                        !std::filesystem::is_directory(databasePath_, error);
+    if (isFile && sqlm().isValidDatabase(databasePath_)) {
+        openDatabase();
+    } else {
+        createDatabase();
+    }
+    // Known players are those of the current run only; games and their history stay.
+    sqlm().execQuery("DELETE FROM PlayerInfo");
+    // The tray item's tooltip (kTooltip) is set where the tray item is made.
+}
+
+void AppDelegate::openDatabase() {
+    if (!sqlm().open(databasePath_)) {
+        fatalError("Can't open the database.");
+    }
+    pointlane::tr().info(kSubject, "Database opened (" + databasePath_ + ")", "openDatabase()",
+                         __LINE__);
+}
+
+void AppDelegate::createDatabase() {
+    if (!sqlm().create(databasePath_, [](SQLite&) { return true; })) {
+        fatalError("Can't create the database.");
+    }
+    pointlane::tr().info(kSubject, "Database created (" + databasePath_ + ")", "createDatabase()",
+                         __LINE__);
+}
+
+void AppDelegate::applicationDidFinishLaunching() {
+    // The administrator's logout ends the process through the event loop, like a quit.
+    GameState::setProcessEnd(&AppDelegate::terminate);
+
+    server = Server::create(weak_from_this());
+    const int port = options_.port;
+    std::thread([server = server, port, ended = listenerEnded_] {
+        if (server) {
+            server->runOnPort(port);
+        }
+        ended->store(true);
+    }).detach();
+
+    // With port 0 the advertised port is known only once the listener has bound.
+    const auto deadline = std::chrono::steady_clock::now() + kListenWait;
+    while (server && servedPort() == 0 && !listenerEnded_->load() &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    if (servedPort() != 0) {
+        pointlane::tr().info(kSubject, "Listening on port " + std::to_string(servedPort()),
+                             "applicationDidFinishLaunching()", __LINE__);
+    }
+
+    startBonjoure();
+}
+
+int AppDelegate::servedPort() const {
+    return server ? server->listeningPort() : 0;
+}
+
+void AppDelegate::startBonjoure() {
+    // Published whether or not the listener could start, on the port that is served.
+    const int port = servedPort() != 0 ? servedPort() : options_.port;
+    bonjoureService = std::make_unique<ServiceAdvertiser>(
+        kServiceDomain, kServiceType, kServiceName, static_cast<std::uint16_t>(port));
+    bonjoureService->publish();
+}
+
+void AppDelegate::applicationWillTerminate() {
+    if (bonjoureService) {
+        bonjoureService->stop();
+        bonjoureService.reset();
+    }
+}
+
+std::shared_ptr<ServerThread> AppDelegate::serverThread(std::shared_ptr<Socket> socket) {
+    return std::make_shared<PokerThread>(std::move(socket));
+}
+
+void AppDelegate::statusDidCliecked() {
+    // The monitor window is opened here in desktop mode.
+}
+
+void AppDelegate::quitDidClicked() {
+    if (quitting_) {
+        return;
+    }
+    quitting_ = true;
+    // Record writes already handed to the database queue are finished before the database
+    // is closed, so nothing a client was told is stored gets lost.
+    sqlm().drain();
+    sqlm().close();
+    terminate(0);
+}
+
+void AppDelegate::windowClose() {
+    QTimer::singleShot(100, this, [this] { dataWindowController = nullptr; });
+}
+
+void AppDelegate::terminate(int status) {
+    QCoreApplication::exit(status);
+}
+
+}  // namespace pointlane

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "transport/Server.h"
+#include "transport/ServerThread.h"
+#include "transport/Socket.h"
+
+namespace pointlane {
+
+class ServiceAdvertiser;
+
+// Owns everything that lives as long as the process: the database location, the listener,
+// the service advertisement and (with a desktop) the tray item and the monitor window.
+//
+// Start: create() (database folder and path), applicationWillFinishLaunching() (database
+// opened or created, known players emptied), applicationDidFinishLaunching() (listener thread,
+// advertisement). Stop: quitDidClicked() or the administrator's logout end the event loop;
+// applicationWillTerminate() then withdraws the advertisement.
+//
+// Threading: main thread only, except serverThread(), which the listener thread calls and
+// which touches nothing but the new connection object.
+class AppDelegate final : public QObject,
+                          public ServerDelegate,
+                          public std::enable_shared_from_this<AppDelegate> {
+    Q_OBJECT
+
+  public:
+    static constexpr int kDefaultPort = 50000;
+    static constexpr const char* kServiceDomain = "local.";
+    static constexpr const char* kServiceType = "_pointlane._tcp";
+    static constexpr const char* kServiceName = "Pointlane";
+    static constexpr const char* kTooltip = "Pointlane Base";
+
+    struct Options {
+        int port = kDefaultPort;  // 0: any free port
+        bool headless = true;     // no tray item, no windows
+        bool monitor = false;     // open the monitor window at start (desktop mode)
+    };
+
+    // Makes the database folder ($HOME/.Pointlane) and fixes the database path; a folder that
+    // can't be made stops the process.
+    static std::shared_ptr<AppDelegate> create(Options options);
+    ~AppDelegate() override;
+
+    // Opens the database, or creates it when the file is missing or not a database, and
+    // empties the known players. A database that can't be opened or created stops the
+    // process ("Can't open the database." / "Can't create the database.").
+    void applicationWillFinishLaunching();
+    // Starts the listener on its own thread, waits until it listens (or gave up), reports the
+    // port and publishes the advertisement.
+    void applicationDidFinishLaunching();
+    // Withdraws the advertisement. Listener and connection threads end with the process.
+    void applicationWillTerminate();
+
+    // ServerDelegate: the connection object of each accepted connection.
+    std::shared_ptr<ServerThread> serverThread(std::shared_ptr<Socket> socket) override;
+
+    const std::string& databasePath() const { return databasePath_; }
+    // The port actually listened on; 0 until listening started (or when it failed).
+    int servedPort() const;
+
+  public slots:
+    // Tray menu: show the monitor window.
+    void statusDidCliecked();
+    // Tray menu quit, and SIGINT/SIGTERM: finishes the pending record writes, closes the
+    // database and ends the event loop with status 0.
+    void quitDidClicked();
+    // The monitor window was closed; its controller is dropped a moment later.
+    void windowClose();
+
+  private:
+    explicit AppDelegate(Options options);
+    void openDatabase();
+    void createDatabase();
+    void startBonjoure();
+    // Ends the event loop with status; main() then withdraws the advertisement and exits.
+    static void terminate(int status);
+
+    Options options_;
+    std::string databasePath_;
+    std::shared_ptr<Server> server;
+    std::unique_ptr<ServiceAdvertiser> bonjoureService;
+    // The monitor window's controller while the window is open (desktop mode).
+    QPointer<QObject> dataWindowController;
+    std::shared_ptr<std::atomic<bool>> listenerEnded_ = std::make_shared<std::atomic<bool>>(false);
+    bool quitting_ = false;
+};
+
+}  // namespace pointlane

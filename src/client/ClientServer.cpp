@@ -1,0 +1,182 @@
+#include "ClientServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "transport/Frame.h"
+#include "transport/SocketFunctions.h"
+
+namespace pointlane {
+
+std::unique_ptr<ClientServer> ClientServer::start(Options options) {
+    auto listener = Socket::create(-1);
+    if (!listener) {
+        return nullptr;
+    }
+    const int descriptor = listener->socketFileDescriptor();
+    if (options.receiveBufferSize > 0) {
+        // Set before listen() so that accepted connections start with it (and a small window).
+        setopt_socket(descriptor, SO_RCVBUF, options.receiveBufferSize);
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = 0;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(descriptor, 16) != 0) {
+        return nullptr;
+    }
+    auto server = std::unique_ptr<ClientServer>(new ClientServer(std::move(listener), options));
+    if (server->port_ == 0) {
+        return nullptr;
+    }
+    server->acceptor_ = std::thread([raw = server.get()] { raw->acceptLoop(); });
+    return server;
+}
+
+ClientServer::ClientServer(std::shared_ptr<Socket> listener, Options options)
+    : listener_(std::move(listener)), options_(options), port_(listener_->localPort()) {}
+
+ClientServer::~ClientServer() {
+    stop();
+}
+
+void ClientServer::acceptLoop() {
+    for (;;) {
+        const int listening = listener_->socketFileDescriptor();
+        if (listening == -1) {
+            return;
+        }
+        const int descriptor = accept_socket(listening);
+        if (descriptor == -1) {
+            std::lock_guard lock(mutex_);
+            if (stopping_) {
+                return;
+            }
+            continue;
+        }
+        auto connection = Socket::create(descriptor);
+        if (!connection) {
+            continue;
+        }
+        if (options_.receiveBufferSize > 0) {
+            setopt_socket(descriptor, SO_RCVBUF, options_.receiveBufferSize);
+        }
+        std::lock_guard lock(mutex_);
+        if (stopping_) {
+            connection->shutdown();
+            return;
+        }
+        ++accepted_;
+        connections_.push_back(connection);
+        if (options_.reads) {
+            readers_.emplace_back([this, connection] { readLoop(connection); });
+        }
+        changed_.notify_all();
+    }
+}
+
+void ClientServer::readLoop(std::shared_ptr<Socket> connection) {
+    for (;;) {
+        auto body = receiveFrame(*connection);
+        std::lock_guard lock(mutex_);
+        if (!body) {
+            ++closed_;
+            changed_.notify_all();
+            return;
+        }
+        if (auto request = Request::fromJson(*body)) {
+            notifications_.push_back(std::move(*request));
+            bodies_.push_back(std::move(*body));
+        } else {
+            ++undecodable_;
+        }
+        changed_.notify_all();
+    }
+}
+
+std::vector<Request> ClientServer::notifications() const {
+    std::lock_guard lock(mutex_);
+    return notifications_;
+}
+
+std::vector<Bytes> ClientServer::bodies() const {
+    std::lock_guard lock(mutex_);
+    return bodies_;
+}
+
+int ClientServer::undecodable() const {
+    std::lock_guard lock(mutex_);
+    return undecodable_;
+}
+
+int ClientServer::accepted() const {
+    std::lock_guard lock(mutex_);
+    return accepted_;
+}
+
+int ClientServer::closed() const {
+    std::lock_guard lock(mutex_);
+    return closed_;
+}
+
+bool ClientServer::waitFor(const std::function<bool(const std::vector<Request>&)>& predicate,
+                           std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return predicate(notifications_); });
+}
+
+bool ClientServer::waitForCount(std::size_t n, std::chrono::milliseconds timeout) const {
+    return waitFor([n](const std::vector<Request>& received) { return received.size() >= n; },
+                   timeout);
+}
+
+bool ClientServer::waitForClosed(std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return closed_ > 0; });
+}
+
+void ClientServer::clear() {
+    std::lock_guard lock(mutex_);
+    notifications_.clear();
+    bodies_.clear();
+}
+
+void ClientServer::stop() {
+    std::vector<std::thread> readers;
+    {
+        std::lock_guard lock(mutex_);
+        if (stopping_) {
+            return;
+        }
+        stopping_ = true;
+        // Only wake the threads blocked on these sockets here; the descriptors are closed once
+        // those threads are gone, so no descriptor is closed under a running read or accept.
+        for (auto& connection : connections_) {
+            wake(*connection);
+        }
+        readers.swap(readers_);
+    }
+    wake(*listener_);
+    if (acceptor_.joinable()) {
+        acceptor_.join();
+    }
+    for (auto& reader : readers) {
+        reader.join();
+    }
+    std::lock_guard lock(mutex_);
+    for (auto& connection : connections_) {
+        connection->shutdown();
+    }
+    listener_->shutdown();
+}
+
+void ClientServer::wake(Socket& socket) {
+    const int descriptor = socket.socketFileDescriptor();
+    if (descriptor != -1) {
+        ::shutdown(descriptor, SHUT_RDWR);
+    }
+}
+
+}  // namespace pointlane

@@ -1,0 +1,229 @@
+#include "game/PlayerStore.h"
+
+#include <unicode/locid.h>
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
+
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "support/ToolBox.h"
+#include "transport/Request.h"
+
+namespace pointlane {
+
+namespace {
+
+// The form in which two names are compared: canonically composed, lower-cased by the current
+// locale's rules, and composed again (lower-casing may decompose). Canonically equivalent
+// spellings of one name therefore get the same key.
+std::string nameKey(const std::string& name) {
+    UErrorCode status = U_ZERO_ERROR;
+    const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
+    if (U_FAILURE(status) || nfc == nullptr) {
+        return name;
+    }
+    icu::UnicodeString text = icu::UnicodeString::fromUTF8(name);
+    icu::UnicodeString composed = nfc->normalize(text, status);
+    if (U_FAILURE(status)) {
+        return name;
+    }
+    composed.toLower(icu::Locale::getDefault());
+    icu::UnicodeString key = nfc->normalize(composed, status);
+    if (U_FAILURE(status)) {
+        return name;
+    }
+    std::string utf8;
+    key.toUTF8String(utf8);
+    return utf8;
+}
+
+}  // namespace
+
+PlayerStore& PlayerStore::shared() {
+    // Deliberately leaked: connection threads are detached and may use it while the process
+    // ends, after static destructors would have run.
+    static PlayerStore* const store = new PlayerStore();
+    return *store;
+}
+
+bool PlayerStore::existsAdminLocked() const {
+    for (const auto& [token, player] : data_) {
+        if (player->isAdmin) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool PlayerStore::nameInUseLocked(const std::string& name) const {
+    const std::string key = nameKey(name);
+    for (const auto& [token, player] : data_) {
+        if (nameKey(player->name) == key) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string PlayerStore::newTokenLocked() const {
+    for (;;) {
+        std::string token = ToolBox::randomString(kTokenLength);
+        if (data_.find(token) == data_.end()) {
+            return token;
+        }
+    }
+}
+
+bool PlayerStore::existsAdmin() {
+    bool result = false;
+    mutex_.sync([&] { result = existsAdminLocked(); });
+    return result;
+}
+
+std::string PlayerStore::add(std::shared_ptr<Player> player) {
+    std::string token;
+    mutex_.sync([&] {
+        token = newTokenLocked();
+        data_.emplace(token, std::move(player));
+    });
+    return token;
+}
+
+PlayerStore::AddResult PlayerStore::tryAdd(std::shared_ptr<Player> player) {
+    AddResult result;
+    result.refusal = AddRefusal::adminNotRegistered;  // what a lock failure leaves
+    mutex_.sync([&] {
+        const bool hasAdmin = existsAdminLocked();
+        if (player->isAdmin && hasAdmin) {
+            result.refusal = AddRefusal::adminAlreadyRegistered;
+        } else if (!player->isAdmin && !hasAdmin) {
+            result.refusal = AddRefusal::adminNotRegistered;
+        } else if (!player->isAdmin && nameInUseLocked(player->name)) {
+            result.refusal = AddRefusal::nameInUse;
+        } else {
+            result.refusal = AddRefusal::none;
+            result.token = newTokenLocked();
+            data_.emplace(result.token, std::move(player));
+        }
+    });
+    return result;
+}
+
+bool PlayerStore::isNameInUse(const std::string& name) {
+    bool result = false;
+    mutex_.sync([&] { result = nameInUseLocked(name); });
+    return result;
+}
+
+bool PlayerStore::contains(const std::string& token) {
+    bool result = false;
+    mutex_.sync([&] { result = data_.find(token) != data_.end(); });
+    return result;
+}
+
+std::shared_ptr<Player> PlayerStore::remove(const std::string& token) {
+    std::shared_ptr<Player> removed;
+    mutex_.sync([&] {
+        auto it = data_.find(token);
+        if (it != data_.end()) {
+            removed = std::move(it->second);
+            data_.erase(it);
+        }
+    });
+    return removed;
+}
+
+std::optional<Bytes> PlayerStore::jsonObject() {
+    std::optional<Bytes> result;
+    mutex_.sync([&] {
+        nlohmann::json names = nlohmann::json::array();
+        for (const auto& [token, player] : data_) {
+            names.push_back(player->name);
+        }
+        result = ToolBox::toJsonObject(names);
+    });
+    return result;
+}
+
+void PlayerStore::removeAll() {
+    // The players are destroyed (and their push connections shut) outside the lock.
+    std::map<std::string, std::shared_ptr<Player>> dropped;
+    mutex_.sync([&] { dropped.swap(data_); });
+}
+
+std::size_t PlayerStore::count() {
+    std::size_t result = 0;
+    mutex_.sync([&] { result = data_.size(); });
+    return result;
+}
+
+std::optional<std::string> PlayerStore::gameName() {
+    std::optional<std::string> result;
+    mutex_.sync([&] { result = gameName_; });
+    return result;
+}
+
+void PlayerStore::setGameName(std::optional<std::string> name) {
+    mutex_.sync([&] { gameName_ = std::move(name); });
+}
+
+void PlayerStore::reset() {
+    std::map<std::string, std::shared_ptr<Player>> dropped;
+    mutex_.sync([&] {
+        dropped.swap(data_);
+        gameName_.reset();
+    });
+}
+
+void PlayerStore::broadcast(RequestCode code, const std::optional<Bytes>& data) {
+    mutex_.sync([&] {
+        Request notification;
+        notification.request = code;
+        notification.data = data;
+        for (const auto& [token, player] : data_) {
+            notification.token = token;
+            const std::optional<Bytes> body = notification.json();
+            if (!body) {
+                continue;  // skipped for this recipient only
+            }
+            player->send(*body);
+        }
+    });
+}
+
+void PlayerStore::nameBroadcast(RequestCode code, const std::string& name) {
+    // The object is the same for every recipient, so it is serialised once; when it can't be,
+    // nobody gets the notification.
+    const std::optional<Bytes> data = ToolBox::toJsonObject(nlohmann::json{{"player_name", name}});
+    if (data) {
+        broadcast(code, data);
+    }
+}
+
+void PlayerStore::addedPlayerBroadcast(const std::string& name) {
+    nameBroadcast(RequestCode::playerAdded, name);
+}
+
+void PlayerStore::removedPlayerBroadcast(const std::string& name) {
+    nameBroadcast(RequestCode::playerRemoved, name);
+}
+
+void PlayerStore::newDealBroadcast(const std::optional<Bytes>& data) {
+    broadcast(RequestCode::initNewDeal, data);
+}
+
+void PlayerStore::playBroadcast() {
+    broadcast(RequestCode::play, std::nullopt);
+}
+
+void PlayerStore::openCardsBroadcast() {
+    broadcast(RequestCode::openCards, std::nullopt);
+}
+
+void PlayerStore::cardElectedBroadcast(const std::optional<Bytes>& data) {
+    broadcast(RequestCode::cardElected, data);
+}
+
+}  // namespace pointlane

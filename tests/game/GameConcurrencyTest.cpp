@@ -1,0 +1,174 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "InProcessServer.h"
+#include "game/PlayerStore.h"
+
+namespace pointlane {
+namespace {
+
+using testkit::connectPlayer;
+using testkit::InProcessServer;
+using testkit::TestPlayer;
+
+class GameConcurrencyTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        server = InProcessServer::start();
+        ASSERT_TRUE(server);
+    }
+    void TearDown() override { server.reset(); }
+    std::shared_ptr<InProcessServer> server;
+};
+
+TEST_F(GameConcurrencyTest, SimultaneousAdministratorLoginsAdmitExactlyOne) {
+    constexpr int kClients = 5;
+    std::vector<TestPlayer> players;
+    for (int i = 0; i < kClients; ++i) {
+        players.push_back(connectPlayer(*server));
+    }
+    std::atomic<int> admitted{0};
+    std::atomic<int> refused{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i) {
+        threads.emplace_back([&, i] {
+            auto answer = players[i].client->loginAdmin("Admin" + std::to_string(i), "G",
+                                                        players[i].clientServer->port());
+            if (answer && answer->code == 0) {
+                ++admitted;
+            } else if (answer && answer->message == AnswerMessage::adminAlreadyLoggenIn) {
+                ++refused;
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(admitted.load(), 1);
+    EXPECT_EQ(refused.load(), kClients - 1);
+    EXPECT_EQ(PlayerStore::shared().count(), 1u);
+    EXPECT_EQ(InProcessServer::loginCount(), kClients);
+}
+
+TEST_F(GameConcurrencyTest, SameNameLoggingInTwiceAtOnceIsAdmittedOnce) {
+    TestPlayer boss = connectPlayer(*server);
+    ASSERT_EQ(boss.client->loginAdmin("Admin", "G", boss.clientServer->port())->code, 0);
+    for (int round = 0; round < 10; ++round) {
+        std::vector<TestPlayer> twins;
+        twins.push_back(connectPlayer(*server));
+        twins.push_back(connectPlayer(*server));
+        std::atomic<int> admitted{0};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 2; ++i) {
+            threads.emplace_back([&, i] {
+                auto answer = twins[i].client->loginPlayer(i == 0 ? "Twin" : "TWIN",
+                                                           twins[i].clientServer->port());
+                if (answer && answer->code == 0) {
+                    ++admitted;
+                }
+            });
+        }
+        for (auto& t : threads) {
+            t.join();
+        }
+        ASSERT_EQ(admitted.load(), 1) << "round " << round;
+        for (auto& twin : twins) {
+            if (twin.client->token()) {
+                ASSERT_EQ(twin.client->logout()->code, 0);
+            }
+        }
+        // The refused twin's count stays taken; give it back for the next round.
+        PokerThread::counterMutex.sync([] { --PokerThread::counter; });
+    }
+}
+
+TEST_F(GameConcurrencyTest, PlayersPlayingAtOnceEachGetEveryNotificationWhole) {
+    constexpr int kPlayers = 5;
+    constexpr int kPlays = 40;
+    std::vector<TestPlayer> players;
+    players.push_back(connectPlayer(*server));
+    ASSERT_EQ(players[0].client->loginAdmin("Admin", "G", players[0].clientServer->port())->code,
+              0);
+    for (int i = 1; i < kPlayers; ++i) {
+        players.push_back(connectPlayer(*server));
+        ASSERT_EQ(players[i]
+                      .client->loginPlayer("P" + std::to_string(i), players[i].clientServer->port())
+                      ->code,
+                  0);
+    }
+    // Arrivals: the administrator sees four, player i sees kPlayers - i.
+    for (int i = 0; i < kPlayers; ++i) {
+        const std::size_t arrivals = i == 0 ? kPlayers - 1 : kPlayers - i;
+        ASSERT_TRUE(players[i].clientServer->waitForCount(arrivals));
+        players[i].clientServer->clear();
+    }
+
+    std::atomic<int> answered{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kPlayers; ++i) {
+        threads.emplace_back([&, i] {
+            for (int n = 0; n < kPlays; ++n) {
+                auto answer = n % 2 == 0 ? players[i].client->play()
+                                         : players[i].client->cardElected("P", std::to_string(n));
+                if (answer && answer->code == 0) {
+                    ++answered;
+                }
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(answered.load(), kPlayers * kPlays);
+    for (int i = 0; i < kPlayers; ++i) {
+        ASSERT_TRUE(players[i].clientServer->waitForCount(kPlayers * kPlays));
+        const auto received = players[i].clientServer->notifications();
+        EXPECT_EQ(received.size(), static_cast<std::size_t>(kPlayers * kPlays));
+        EXPECT_EQ(players[i].clientServer->undecodable(), 0);
+        for (const auto& notification : received) {
+            EXPECT_EQ(notification.token, players[i].client->token());
+        }
+    }
+}
+
+TEST_F(GameConcurrencyTest, LoginsAndLogoutsChurningKeepTheCountRight) {
+    TestPlayer boss = connectPlayer(*server);
+    ASSERT_EQ(boss.client->loginAdmin("Admin", "G", boss.clientServer->port())->code, 0);
+    constexpr int kThreads = 6;
+    constexpr int kRounds = 15;
+    std::atomic<int> admitted{0};
+    std::atomic<int> limited{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            TestPlayer player = connectPlayer(*server);
+            for (int round = 0; round < kRounds; ++round) {
+                auto answer = player.client->loginPlayer("T" + std::to_string(t),
+                                                         player.clientServer->port());
+                if (answer && answer->code == 0) {
+                    ++admitted;
+                    auto out = player.client->logout();
+                    EXPECT_TRUE(out && out->code == 0);
+                } else if (answer && answer->message == AnswerMessage::limitExceeded) {
+                    ++limited;
+                } else {
+                    ADD_FAILURE() << "unexpected answer";
+                }
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(admitted.load() + limited.load(), kThreads * kRounds);
+    EXPECT_GT(admitted.load(), 0);
+    EXPECT_EQ(InProcessServer::loginCount(), 1);
+    EXPECT_EQ(PlayerStore::shared().count(), 1u);
+}
+
+}  // namespace
+}  // namespace pointlane

@@ -1,0 +1,249 @@
+#include "game/GameHandlers.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <string>
+
+#include "InProcessServer.h"
+#include "game/GameState.h"
+#include "game/PlayerStore.h"
+#include "storage/Deal.h"
+#include "storage/Election.h"
+#include "storage/Game.h"
+#include "storage/PlayerInfo.h"
+#include "storage/SQLite.h"
+
+namespace pointlane {
+namespace {
+
+using testkit::connectPlayer;
+using testkit::InProcessServer;
+using testkit::TestPlayer;
+
+Bytes bytes(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
+
+// A loopback port where nothing listens.
+int closedPort() {
+    auto server = ClientServer::start();
+    const int port = server->port();
+    server->stop();
+    return port;
+}
+
+void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message,
+                   const std::string& token = "") {
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->code, -1);
+    EXPECT_EQ(answer->message, message) << toString(answer->message);
+    EXPECT_EQ(answer->token, token);
+    EXPECT_FALSE(answer->info);
+    EXPECT_FALSE(answer->data);
+}
+
+class GameHandlersTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        server = InProcessServer::start();
+        ASSERT_TRUE(server);
+    }
+    void TearDown() override { server.reset(); }
+
+    TestPlayer admin() {
+        TestPlayer player = connectPlayer(*server);
+        auto answer = player.client->loginAdmin("Admin", "Sprint", player.clientServer->port());
+        EXPECT_TRUE(answer && answer->code == 0);
+        return player;
+    }
+
+    std::shared_ptr<InProcessServer> server;
+};
+
+TEST_F(GameHandlersTest, PlayerLoginsBeforeTheAdministratorUseUpTheLimit) {
+    auto client = server->client();
+    const int port = closedPort();
+    for (int i = 0; i < 5; ++i) {
+        expectRefusal(client->loginPlayer("P" + std::to_string(i), port),
+                      AnswerMessage::adminNotLoggedIn);
+    }
+    EXPECT_EQ(InProcessServer::loginCount(), 5);
+    expectRefusal(client->loginAdmin("Admin", "Game", port), AnswerMessage::limitExceeded);
+    expectRefusal(client->loginPlayer("P", port), AnswerMessage::limitExceeded);
+    EXPECT_EQ(InProcessServer::loginCount(), 5);
+}
+
+TEST_F(GameHandlersTest, AdministratorLoginRefusalsComeInCheckOrderAndKeepTheCount) {
+    auto client = server->client();
+    // A port given as text, a port out of range: unreadable data.
+    expectRefusal(
+        client->send(RequestCode::loginAdmin, bytes(R"({"player_name":"A","game_name":"G",)"
+                                                    R"("client_server_port":"5000"})")),
+        AnswerMessage::invalidData);
+    expectRefusal(client->loginAdmin("A", "G", 70000), AnswerMessage::invalidData);
+    expectRefusal(client->loginAdmin("A", "G", closedPort()),
+                  AnswerMessage::cantConnectToClientServer);
+    EXPECT_EQ(InProcessServer::loginCount(), 3);
+    EXPECT_EQ(PlayerStore::shared().count(), 0u);
+
+    TestPlayer first = connectPlayer(*server);
+    auto answer = first.client->loginAdmin("Admin", "Sprint", first.clientServer->port());
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->code, 0);
+    EXPECT_EQ(answer->message, AnswerMessage::OK);
+    EXPECT_EQ(answer->token.size(), 32u);
+    EXPECT_EQ(answer->info, std::optional<std::string>("Sprint"));
+    EXPECT_EQ(answer->data, std::optional<Bytes>(bytes(R"(["Admin"])")));
+    // A second administrator is refused before its (unreadable) data is looked at and uses up
+    // the last count; after that nothing but the limit is checked.
+    expectRefusal(client->send(RequestCode::loginAdmin, bytes("[]")),
+                  AnswerMessage::adminAlreadyLoggenIn);
+    EXPECT_EQ(InProcessServer::loginCount(), 5);
+    expectRefusal(client->send(RequestCode::loginAdmin, bytes("[]")), AnswerMessage::limitExceeded);
+    expectRefusal(client->send(RequestCode::loginPlayer), AnswerMessage::limitExceeded);
+    EXPECT_EQ(InProcessServer::loginCount(), 5);
+}
+
+TEST_F(GameHandlersTest, PlayerLoginRefusalsComeInCheckOrder) {
+    TestPlayer boss = admin();
+    auto client = server->client();
+    // Unreadable data is found before the name is compared.
+    expectRefusal(client->send(RequestCode::loginPlayer, bytes(R"({"player_name":"admin"})")),
+                  AnswerMessage::invalidData);
+    // The name is compared before the connection back is tried.
+    expectRefusal(client->loginPlayer("ADMIN", closedPort()), AnswerMessage::userNameAlreadyInUse);
+    expectRefusal(client->loginPlayer("Bea", closedPort()),
+                  AnswerMessage::cantConnectToClientServer);
+    EXPECT_EQ(InProcessServer::loginCount(), 4);
+
+    TestPlayer bea = connectPlayer(*server);
+    auto answer = bea.client->loginPlayer("Bea", bea.clientServer->port());
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->code, 0);
+    EXPECT_EQ(answer->info, std::optional<std::string>("Sprint"));
+    EXPECT_EQ(InProcessServer::loginCount(), 5);
+    expectRefusal(client->loginPlayer("Cy", closedPort()), AnswerMessage::limitExceeded);
+    // The administrator's first notification is Bea's arrival: its own login pushed nothing,
+    // and refused logins push nothing either.
+    ASSERT_TRUE(boss.clientServer->waitForCount(1));
+    EXPECT_EQ(boss.clientServer->notifications()[0].request, RequestCode::playerAdded);
+
+    // A logout gives a count back; a second logout with the same token is refused.
+    auto out = bea.client->logout();
+    ASSERT_TRUE(out);
+    EXPECT_EQ(out->code, 0);
+    EXPECT_EQ(out->token, *bea.client->token());
+    // The answer goes out before the player is removed and the count given back.
+    EXPECT_TRUE(testkit::waitUntil([] { return InProcessServer::loginCount() == 4; }));
+    expectRefusal(bea.client->logout(), AnswerMessage::invalidToken);
+    EXPECT_EQ(InProcessServer::loginCount(), 4);
+}
+
+TEST_F(GameHandlersTest, DealAndCardRequestsCheckTokenThenData) {
+    TestPlayer boss = admin();
+    const std::string token = *boss.client->token();
+    auto stranger = server->client();
+    stranger->setToken(std::string(32, 'a'));
+    for (auto code : {RequestCode::initNewDeal, RequestCode::play, RequestCode::openCards,
+                      RequestCode::cardElected}) {
+        expectRefusal(stranger->send(code, bytes(R"({"title":"x"})")), AnswerMessage::invalidToken);
+    }
+    stranger->setToken(std::nullopt);
+    expectRefusal(stranger->play(), AnswerMessage::invalidToken);
+
+    expectRefusal(boss.client->initNewDeal(bytes(R"({"title":7})")), AnswerMessage::invalidData,
+                  token);
+    expectRefusal(boss.client->initNewDeal(std::nullopt), AnswerMessage::invalidData, token);
+    expectRefusal(boss.client->send(RequestCode::cardElected, bytes(R"({"player_name":"A"})")),
+                  AnswerMessage::invalidData, token);
+    expectRefusal(boss.client->send(RequestCode::cardElected, bytes("not json")),
+                  AnswerMessage::invalidData, token);
+    // Refused requests relay nothing.
+    EXPECT_TRUE(boss.clientServer->notifications().empty());
+}
+
+TEST_F(GameHandlersTest, RecordsFollowTheGameAndTheCurrentDeal) {
+    TestPlayer boss = admin();
+    // An election before any deal is answered and relayed but not stored.
+    ASSERT_EQ(boss.client->cardElected("Admin", "3")->code, 0);
+    ASSERT_EQ(boss.client->initNewDeal("  Login page \n")->code, 0);
+    ASSERT_EQ(boss.client->cardElected(" Admin ", " 5 ")->code, 0);
+    ASSERT_EQ(boss.client->initNewDeal("   ")->code, 0);  // stores nothing
+    ASSERT_EQ(boss.client->cardElected("Bea", "8")->code, 0);
+    ASSERT_TRUE(boss.clientServer->waitForCount(5));
+    sqlm().drain();
+
+    const auto games = Game::games();
+    ASSERT_TRUE(games);
+    ASSERT_EQ(games->size(), 1u);
+    EXPECT_EQ(GameState::currentGameID(), (*games)[0]->id);
+    const auto deals = Deal::dealsFor((*games)[0]->id);
+    ASSERT_TRUE(deals);
+    ASSERT_EQ(deals->size(), 1u);
+    EXPECT_EQ((*deals)[0]->name, "Login page");
+    EXPECT_EQ(GameState::currentDealID(), (*deals)[0]->id);
+    const auto elections = Election::electionsFor((*deals)[0]->id);
+    ASSERT_TRUE(elections);
+    ASSERT_EQ(elections->size(), 2u);  // newest first
+    EXPECT_EQ((*elections)[0]->playerName, "Bea");
+    EXPECT_EQ((*elections)[1]->playerName, "Admin");
+    EXPECT_EQ((*elections)[1]->symbol, "5");
+}
+
+TEST_F(GameHandlersTest, AdministratorLogoutEndsTheGameASecondLater) {
+    TestPlayer boss = admin();
+    TestPlayer bea = connectPlayer(*server);
+    ASSERT_EQ(bea.client->loginPlayer("Bea", bea.clientServer->port())->code, 0);
+    ASSERT_TRUE(boss.clientServer->waitForCount(1));
+    sqlm().drain();
+    ASSERT_TRUE(GameState::currentGameID());
+    EXPECT_EQ(server->mainQueue().pending(), 0u);
+
+    auto out = boss.client->logout();
+    ASSERT_TRUE(out);
+    EXPECT_EQ(out->code, 0);
+    ASSERT_TRUE(bea.clientServer->waitFor([](const std::vector<Request>& received) {
+        return !received.empty() && received.back().request == RequestCode::playerRemoved;
+    }));
+    EXPECT_EQ(bea.clientServer->notifications().back().data,
+              std::optional<Bytes>(bytes(R"({"player_name":"Admin"})")));
+    EXPECT_TRUE(bea.clientServer->waitForClosed());
+    EXPECT_TRUE(boss.clientServer->waitForClosed());
+    EXPECT_EQ(PlayerStore::shared().count(), 0u);
+    EXPECT_TRUE(testkit::waitUntil([&] { return server->mainQueue().pending() == 1u; }));
+
+    // Nothing happens before the second has passed.
+    server->mainQueue().runDue();
+    EXPECT_FALSE(server->endStatus());
+    EXPECT_TRUE(server->mainQueue().runUntil([&] { return server->endStatus().has_value(); },
+                                             std::chrono::seconds(3)));
+    EXPECT_EQ(server->endStatus(), std::optional<int>(0));
+    EXPECT_FALSE(sqlm().isOpen());
+    EXPECT_FALSE(GameState::currentGameID());
+}
+
+TEST_F(GameHandlersTest, RecordsQueuedBeforeTheAdministratorsLogoutKeepTheirGame) {
+    TestPlayer boss = admin();
+    // Hold the database queue so that the deal is still waiting when the game ends.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    sqlm().async([released] { released.wait(); });
+    ASSERT_EQ(boss.client->initNewDeal("Queued deal")->code, 0);
+    ASSERT_EQ(boss.client->cardElected("Admin", "8")->code, 0);
+    ASSERT_EQ(boss.client->logout()->code, 0);
+    ASSERT_TRUE(testkit::waitUntil([&] { return server->mainQueue().pending() == 1u; }));
+    release.set_value();
+    sqlm().drain();
+
+    const auto games = Game::games();
+    ASSERT_TRUE(games);
+    const auto deals = Deal::dealsFor((*games)[0]->id);
+    ASSERT_TRUE(deals);
+    EXPECT_EQ((*deals)[0]->name, "Queued deal");
+    EXPECT_TRUE(Election::electionsFor((*deals)[0]->id));
+    EXPECT_FALSE(GameState::currentGameID());
+}
+
+}  // namespace
+}  // namespace pointlane
