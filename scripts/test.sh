@@ -29,5 +29,6 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 echo "== TSan build (concurrency suites) =="
 build build-tsan -DPOINTLANE_SANITIZE=thread -DPOINTLANE_BENCH=OFF
 # TSan needs the fixed memory layout that address randomisation of recent kernels breaks.
-TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+# Qt itself is not instrumented: see tests/tsan-suppressions.txt for what is suppressed and why.
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan-suppressions.txt" \
   setarch "$(uname -m)" -R ctest --test-dir build-tsan --output-on-failure -j "$jobs" -R ConcurrencyTest

@@ -1,7 +1,8 @@
 #include "app/AppDelegate.h"
 
+#include <QApplication>
 #include <QCoreApplication>
-#include <QTimer>
+#include <QScreen>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +13,10 @@
 #include "app/ServiceAdvertiser.h"
 #include "game/GameState.h"
 #include "game/PokerThread.h"
+#include "monitor/DataWindowController.h"
+#include "monitor/StatusItem.h"
 #include "storage/SQLite.h"
+#include "support/MainQueue.h"
 #include "support/Tracer.h"
 
 namespace pointlane {
@@ -50,10 +54,17 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
         fatalError(error.message());
     }
     databasePath_ = (directory / "Pointlane.sqlite").string();
+    if (!options_.headless) {
+        // The menu's actions reach the delegate only while it exists.
+        statusItem = std::make_unique<StatusItem>([this] { statusDidCliecked(); },
+                                                  [this] { quitDidClicked(); });
+    }
 }
 
 AppDelegate::~AppDelegate() {
     applicationWillTerminate();
+    dataWindowController.reset();
+    statusItem.reset();
 }
 
 void AppDelegate::applicationWillFinishLaunching() {
@@ -67,7 +78,9 @@ void AppDelegate::applicationWillFinishLaunching() {
     }
     // Known players are those of the current run only; games and their history stay.
     sqlm().execQuery("DELETE FROM PlayerInfo");
-    // The tray item's tooltip (kTooltip) is set where the tray item is made.
+    if (statusItem) {
+        statusItem->setToolTip(QString::fromLatin1(kTooltip));
+    }
 }
 
 void AppDelegate::openDatabase() {
@@ -111,6 +124,13 @@ void AppDelegate::applicationDidFinishLaunching() {
     }
 
     startBonjoure();
+
+    if (statusItem) {
+        statusItem->show();
+        if (options_.monitor) {
+            statusDidCliecked();
+        }
+    }
 }
 
 int AppDelegate::servedPort() const {
@@ -137,7 +157,25 @@ std::shared_ptr<ServerThread> AppDelegate::serverThread(std::shared_ptr<Socket> 
 }
 
 void AppDelegate::statusDidCliecked() {
-    // The monitor window is opened here in desktop mode.
+    // Without a desktop there is nothing to show; with a window open (or still waiting to be
+    // dropped after closing) the choice does nothing, not even bring the window forward.
+    if (options_.headless || dataWindowController) {
+        return;
+    }
+    dataWindowController = std::make_unique<DataWindowController>();
+    DataWindowController& controller = *dataWindowController;
+    controller.loadWindow();
+    controller.delegate = this;
+    if (const QScreen* screen = QGuiApplication::primaryScreen()) {
+        QRect frame = controller.frameGeometry();
+        frame.moveCenter(screen->availableGeometry().center());
+        controller.move(frame.topLeft());
+    }
+    controller.show();
+    controller.raise();
+    controller.activateWindow();
+    std::fputs("status\n", stdout);
+    std::fflush(stdout);
 }
 
 void AppDelegate::quitDidClicked() {
@@ -153,7 +191,11 @@ void AppDelegate::quitDidClicked() {
 }
 
 void AppDelegate::windowClose() {
-    QTimer::singleShot(100, this, [this] { dataWindowController = nullptr; });
+    after(0.1, [weak = weak_from_this()] {
+        if (auto self = weak.lock()) {
+            self->dataWindowController.reset();
+        }
+    });
 }
 
 void AppDelegate::terminate(int status) {

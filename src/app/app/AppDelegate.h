@@ -6,16 +6,23 @@
 #include <memory>
 #include <string>
 
+#include "monitor/DataWindowControllerDelegate.h"
 #include "transport/Server.h"
 #include "transport/ServerThread.h"
 #include "transport/Socket.h"
 
 namespace pointlane {
 
+class DataWindowController;
 class ServiceAdvertiser;
+class StatusItem;
 
 // Owns everything that lives as long as the process: the database location, the listener,
 // the service advertisement and (with a desktop) the tray item and the monitor window.
+//
+// Desktop mode: the tray item is made at construction, gets its tooltip before launch
+// completes and its icon and menu ("Show monitor" -> statusDidCliecked(), "Quit Pointlane" ->
+// quitDidClicked()) when launch has completed; --monitor then opens the window at once.
 //
 // Start: create() (database folder and path), applicationWillFinishLaunching() (database
 // opened or created, known players emptied), applicationDidFinishLaunching() (listener thread,
@@ -26,6 +33,7 @@ class ServiceAdvertiser;
 // which touches nothing but the new connection object.
 class AppDelegate final : public QObject,
                           public ServerDelegate,
+                          public DataWindowControllerDelegate,
                           public std::enable_shared_from_this<AppDelegate> {
     Q_OBJECT
 
@@ -65,13 +73,22 @@ class AppDelegate final : public QObject,
     int servedPort() const;
 
   public slots:
-    // Tray menu: show the monitor window.
+    // Tray menu: show the monitor window. While one is open (or closed less than 0.1 s ago)
+    // nothing happens; otherwise a new window is built, centred, brought to the front, and
+    // "status" is written on standard output.
     void statusDidCliecked();
     // Tray menu quit, and SIGINT/SIGTERM: finishes the pending record writes, closes the
     // database and ends the event loop with status 0.
     void quitDidClicked();
-    // The monitor window was closed; its controller is dropped a moment later.
-    void windowClose();
+    // The monitor window was closed; its controller is dropped 0.1 s later, outside the
+    // window's own close handling.
+    void windowClose() override;
+
+  public:
+    // The open monitor window's controller, nullptr when there is none.
+    DataWindowController* monitorWindow() const { return dataWindowController.get(); }
+    // The tray item; nullptr in headless mode.
+    StatusItem* trayItem() const { return statusItem.get(); }
 
   private:
     explicit AppDelegate(Options options);
@@ -85,8 +102,10 @@ class AppDelegate final : public QObject,
     std::string databasePath_;
     std::shared_ptr<Server> server;
     std::unique_ptr<ServiceAdvertiser> bonjoureService;
+    // Desktop mode only.
+    std::unique_ptr<StatusItem> statusItem;
     // The monitor window's controller while the window is open (desktop mode).
-    QPointer<QObject> dataWindowController;
+    std::unique_ptr<DataWindowController> dataWindowController;
     std::shared_ptr<std::atomic<bool>> listenerEnded_ = std::make_shared<std::atomic<bool>>(false);
     bool quitting_ = false;
 };

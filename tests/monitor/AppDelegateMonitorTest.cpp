@@ -1,0 +1,89 @@
+#include <QAction>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include "MonitorFixture.h"
+#include "app/AppDelegate.h"
+#include "monitor/DataWindowController.h"
+#include "monitor/StackedView.h"
+#include "monitor/StatusItem.h"
+
+namespace pointlane {
+namespace {
+
+using testkit::MonitorFixture;
+
+// The application in desktop mode, with its home folder in the test's temporary folder; the
+// database is the fixture's.
+class AppDelegateMonitorTest : public MonitorFixture {
+  protected:
+    void SetUp() override {
+        MonitorFixture::SetUp();
+        const char* home = std::getenv("HOME");
+        savedHome = home != nullptr ? home : "";
+        setenv("HOME", dir.path().c_str(), 1);
+        AppDelegate::Options options;
+        options.headless = false;
+        delegate = AppDelegate::create(options);
+    }
+
+    void TearDown() override {
+        delegate.reset();
+        setenv("HOME", savedHome.c_str(), 1);
+        MonitorFixture::TearDown();
+    }
+
+    // Chooses "Show monitor" in the tray menu and returns what went to standard output.
+    std::string chooseShowMonitor() {
+        testing::internal::CaptureStdout();
+        delegate->trayItem()->showAction()->trigger();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    std::string savedHome;
+    std::shared_ptr<AppDelegate> delegate;
+};
+
+TEST_F(AppDelegateMonitorTest, ShowMonitorOpensOneWindowAndASecondChoiceDoesNothing) {
+    ASSERT_NE(delegate->trayItem(), nullptr);
+    EXPECT_EQ(delegate->monitorWindow(), nullptr);
+
+    EXPECT_EQ(chooseShowMonitor(), "status\n");
+    DataWindowController* window = delegate->monitorWindow();
+    ASSERT_NE(window, nullptr);
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(window->windowTitle(), QStringLiteral("Pointlane v.1.0 Base"));
+    EXPECT_EQ(window->delegate, delegate.get());
+    EXPECT_EQ(window->stackedView->index, StackedViewIndex::players);
+
+    // Hidden behind another window, it is not brought forward by a second choice either.
+    window->hide();
+    EXPECT_EQ(chooseShowMonitor(), "");
+    EXPECT_EQ(delegate->monitorWindow(), window);
+    EXPECT_FALSE(window->isVisible());
+}
+
+TEST_F(AppDelegateMonitorTest, ClosedWindowIsDroppedAfterATenthOfASecondAndThenBuiltAfresh) {
+    ASSERT_EQ(chooseShowMonitor(), "status\n");
+    QPointer<DataWindowController> first = delegate->monitorWindow();
+    ASSERT_TRUE(first);
+
+    const auto closedAt = std::chrono::steady_clock::now();
+    first->close();
+    // Within the tenth of a second the closed window's controller is still held: a choice
+    // now does nothing.
+    EXPECT_EQ(chooseShowMonitor(), "");
+    EXPECT_EQ(delegate->monitorWindow(), first.data());
+
+    ASSERT_TRUE(pumpUntil([&] { return delegate->monitorWindow() == nullptr; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - closedAt, std::chrono::milliseconds(100));
+    EXPECT_TRUE(first.isNull()) << "the controller and its window are destroyed";
+
+    EXPECT_EQ(chooseShowMonitor(), "status\n");
+    ASSERT_NE(delegate->monitorWindow(), nullptr);
+    EXPECT_TRUE(delegate->monitorWindow()->isVisible());
+}
+
+}  // namespace
+}  // namespace pointlane
