@@ -7,11 +7,18 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 jobs=$(nproc)
+# build DIR [TARGET...] [-- CMAKE_OPTION...]: configures DIR and builds the targets (all if none).
 build() {
   local dir=$1
   shift
+  local targets=()
+  while [ $# -gt 0 ] && [ "$1" != "--" ]; do
+    targets+=(--target "$1")
+    shift
+  done
+  [ $# -gt 0 ] && shift
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" > /dev/null
-  cmake --build "$dir" -j "$jobs"
+  cmake --build "$dir" -j "$jobs" "${targets[@]}"
 }
 
 # Widget tests draw offscreen; nothing here needs a display.
@@ -22,12 +29,14 @@ build build
 ctest --test-dir build --output-on-failure -j "$jobs"
 
 echo "== ASan + UBSan build =="
-build build-asan -DPOINTLANE_SANITIZE=address -DPOINTLANE_BENCH=OFF
+build build-asan -- -DPOINTLANE_SANITIZE=address -DPOINTLANE_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
 echo "== TSan build (concurrency suites) =="
-build build-tsan -DPOINTLANE_SANITIZE=thread -DPOINTLANE_BENCH=OFF
+# Only the test programs that hold concurrency suites are built here.
+build build-tsan support_tests transport_tests storage_tests game_tests monitor_tests \
+  -- -DPOINTLANE_SANITIZE=thread -DPOINTLANE_BENCH=OFF
 # TSan needs the fixed memory layout that address randomisation of recent kernels breaks.
 # Qt itself is not instrumented: see tests/tsan-suppressions.txt for what is suppressed and why.
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan-suppressions.txt" \
