@@ -158,10 +158,10 @@ bool hasValidToken(const Request& request) {
 }
 
 // Runs on the main queue a moment after the administrator's logout: every record write that
-// was submitted before is finished, then the database is closed and the process ends.
+// was submitted before is finished, then the database is closed and the process ends. The close
+// runs on the database queue, since requests still in flight may submit writes meanwhile.
 void endGame() {
-    sqlm().drain();
-    sqlm().close();
+    sqlm().closeAfterPendingWork();
     GameState::endProcess(0);
 }
 
