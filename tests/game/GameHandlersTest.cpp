@@ -13,6 +13,7 @@
 #include "storage/Game.h"
 #include "storage/PlayerInfo.h"
 #include "storage/SQLite.h"
+#include "transport/Frame.h"
 
 namespace pointlane {
 namespace {
@@ -138,6 +139,30 @@ TEST_F(GameHandlersTest, PlayerLoginRefusalsComeInCheckOrder) {
     EXPECT_TRUE(testkit::waitUntil([] { return InProcessServer::loginCount() == 4; }));
     expectRefusal(bea.client->logout(), AnswerMessage::invalidToken);
     EXPECT_EQ(InProcessServer::loginCount(), 4);
+}
+
+TEST_F(GameHandlersTest, LoginAnswerLargerThanAnyRequestIsStillSent) {
+    // Two long names: each login request fits the incoming frame limit, the list of both in
+    // the second answer doesn't.
+    const std::string longName(600 * 1024, 'a');
+    TestPlayer boss = connectPlayer(*server);
+    ASSERT_EQ(boss.client->loginAdmin(longName, "G", boss.clientServer->port())->code, 0);
+    TestPlayer bea = connectPlayer(*server);
+    Request login;
+    login.request = RequestCode::loginPlayer;
+    login.data = PokerClient::loginData(longName + "b", std::nullopt, bea.clientServer->port());
+    ASSERT_TRUE(bea.client->connection().send(login));
+    Socket& socket = bea.client->connection().socket();
+    const auto header = socket.readData(4);
+    ASSERT_TRUE(header && header->size() == 4u) << "no answer";
+    const std::int32_t length = asInt32(*header);
+    ASSERT_GT(length, kMaxFrameBodyLength);
+    const auto body = socket.readData(length);
+    ASSERT_TRUE(body);
+    const auto answer = Answer::fromJson(*body);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->code, 0);
+    EXPECT_EQ(answer->data->size(), 2 * longName.size() + 8);  // ["…","…b"]
 }
 
 TEST_F(GameHandlersTest, DealAndCardRequestsCheckTokenThenData) {

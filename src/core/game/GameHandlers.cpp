@@ -1,6 +1,7 @@
 #include "game/GameHandlers.h"
 
 #include <cstdint>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -84,7 +85,10 @@ std::optional<LoginData> loginData(const Request& request, bool needsGameName) {
 
 void send(const std::shared_ptr<Socket>& socket, const Answer& answer) {
     const auto body = answer.json();
-    if (!body || body->size() > static_cast<std::size_t>(kMaxFrameBodyLength)) {
+    // Only what can't be framed is held back. The cap on incoming frames is no limit here: a
+    // login answer lists every player's name and may be larger than the request that asked.
+    if (!body ||
+        body->size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
         return;
     }
     // Length and body in one write: one segment per answer, and never a body without its
