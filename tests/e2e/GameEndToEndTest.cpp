@@ -366,30 +366,23 @@ TEST_F(GameEndToEndTest, NextStartOpensTheDatabaseWithGamesKeptAndKnownPlayersWi
     EXPECT_EQ((*games)[0]["name"], "First");
 }
 
-TEST(StartUpTest, DatabaseThatCantBeCreatedStopsTheServer) {
-    TempDir home;
-    std::filesystem::create_directories(home.path() / ".Pointlane" / "Pointlane.sqlite");
-    std::string output;
-    const auto status =
-        ServerProcess::runToExit(home.path().string(), {"--headless", "--port", "0"}, &output);
-    ASSERT_TRUE(status);
-    EXPECT_NE(*status, 0);
-    EXPECT_NE(output.find("Can't create the database."), std::string::npos) << output;
-}
-
-TEST(StartUpTest, FileThatIsNotADatabaseIsNotUsed) {
-    TempDir home;
-    std::filesystem::create_directories(home.path() / ".Pointlane");
-    {
-        std::ofstream garbage(home.file(".Pointlane/Pointlane.sqlite"));
-        garbage << "these are not the bytes of a database, not even close to it";
+TEST(StartUpTest, DirectoryOrFileThatIsNotADatabaseStopsTheServer) {
+    for (const bool directory : {true, false}) {
+        TempDir home;
+        std::filesystem::create_directories(home.path() / ".Pointlane");
+        if (directory) {
+            std::filesystem::create_directories(home.path() / ".Pointlane" / "Pointlane.sqlite");
+        } else {
+            std::ofstream(home.file(".Pointlane/Pointlane.sqlite"))
+                << "these are not the bytes of a database, not even close to it";
+        }
+        std::string output;
+        const auto status =
+            ServerProcess::runToExit(home.path().string(), {"--headless", "--port", "0"}, &output);
+        ASSERT_TRUE(status);
+        EXPECT_NE(*status, 0);
+        EXPECT_NE(output.find("Can't create the database."), std::string::npos) << output;
     }
-    std::string output;
-    const auto status =
-        ServerProcess::runToExit(home.path().string(), {"--headless", "--port", "0"}, &output);
-    ASSERT_TRUE(status);
-    EXPECT_NE(*status, 0);
-    EXPECT_NE(output.find("Can't create the database."), std::string::npos) << output;
 }
 
 }  // namespace

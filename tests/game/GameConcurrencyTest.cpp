@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "InProcessServer.h"
 #include "game/PlayerStore.h"
+#include "storage/SQLite.h"
 
 namespace pointlane {
 namespace {
@@ -168,6 +170,36 @@ TEST_F(GameConcurrencyTest, LoginsAndLogoutsChurningKeepTheCountRight) {
     EXPECT_GT(admitted.load(), 0);
     EXPECT_EQ(InProcessServer::loginCount(), 1);
     EXPECT_EQ(PlayerStore::shared().count(), 1u);
+}
+
+TEST_F(GameConcurrencyTest, GameEndNeverClosesTheDatabaseUnderARunningWrite) {
+    TestPlayer boss = connectPlayer(*server);
+    ASSERT_EQ(boss.client->loginAdmin("Admin", "G", boss.clientServer->port())->code, 0);
+    // Requests still in flight keep handing writes to the database queue: a chain of blocks,
+    // each submitting the next, so one is always queued behind what the game's end waits for.
+    auto closedUnderWrite = std::make_shared<std::atomic<bool>>(false);
+    auto chain = std::make_shared<std::function<void()>>();
+    *chain = [chain, closedUnderWrite] {
+        if (!sqlm().isOpen()) {
+            return;
+        }
+        testkit::waitUntil([] { return !sqlm().isOpen(); }, std::chrono::milliseconds(20));
+        if (!sqlm().isOpen()) {
+            closedUnderWrite->store(true);
+            return;
+        }
+        sqlm().async(*chain);
+    };
+    sqlm().async(*chain);
+
+    ASSERT_EQ(boss.client->logout()->code, 0);
+    ASSERT_TRUE(testkit::waitUntil([&] { return server->mainQueue().pending() == 1u; }));
+    EXPECT_TRUE(server->mainQueue().runUntil([&] { return server->endStatus().has_value(); },
+                                             std::chrono::seconds(3)));
+    EXPECT_FALSE(sqlm().isOpen());
+    sqlm().drain();
+    EXPECT_FALSE(closedUnderWrite->load());
+    *chain = nullptr;  // the block held itself
 }
 
 }  // namespace

@@ -87,23 +87,6 @@ TEST_F(DispatchTest, LittleEndianHeaderAndBodyMakeOneRequest) {
     EXPECT_EQ(answer->info, "play");
 }
 
-TEST_F(DispatchTest, PipelinedRequestsAreAnsweredInOrder) {
-    auto client = connect();
-    Bytes all;
-    for (const auto& [code, token] : {std::pair{0, "one"}, {5, "two"}, {8, "three"}}) {
-        const Bytes f = frame(requestBody(code, token));
-        all.insert(all.end(), f.begin(), f.end());
-    }
-    ASSERT_TRUE(client->writeData(all));
-    for (const auto& [info, token] :
-         {std::pair{"loginAdmin", "one"}, {"openCards", "two"}, {"cardElected", "three"}}) {
-        const auto answer = readAnswer(*client);
-        ASSERT_TRUE(answer.has_value());
-        EXPECT_EQ(answer->token, token);
-        EXPECT_EQ(answer->info, info);
-    }
-}
-
 TEST_F(DispatchTest, UndecodableBodiesGetUnknownRequestAndTheConnectionStaysUsable) {
     auto client = connect();
     ::testing::internal::CaptureStdout();
@@ -157,16 +140,6 @@ TEST_F(DispatchTest, HeaderCutShortEndsTheConnection) {
     }));
 }
 
-TEST_F(DispatchTest, ClosingAfterAnAnswerEndsTheConnectionThread) {
-    auto client = connect();
-    expectServed(*client, "bye");
-    ASSERT_EQ(delegate->sockets().size(), 1u);
-    const auto serverSide = delegate->sockets().front();
-    EXPECT_NE(serverSide->socketFileDescriptor(), -1);
-    client->shutdown();
-    EXPECT_TRUE(testkit::waitUntil([&] { return serverSide->socketFileDescriptor() == -1; }));
-}
-
 TEST(DispatchLoopTest, HandlerGetsTheConnectionsOwnSocketAndMayEndTheConnection) {
     auto pair = loopback::makePair();
     ASSERT_TRUE(pair.client && pair.server);
@@ -199,20 +172,6 @@ TEST(DispatchLoopTest, RunOnAClosedSocketReturnsWithoutReading) {
     pair.server->shutdown();
     thread.run();
     EXPECT_FALSE(called);
-}
-
-TEST(DispatchLoopTest, EmptyHandlersAnswerNothing) {
-    auto pair = loopback::makePair();
-    ASSERT_TRUE(pair.client && pair.server);
-    ASSERT_TRUE(pair.client->writeData(frame(requestBody(0, "x"))));
-    ::shutdown(pair.client->socketFileDescriptor(), SHUT_WR);
-    {
-        PokerThread thread(pair.server, PokerThread::Handlers{});
-        thread.run();  // the request is read, nothing is called, then end of stream
-    }
-    // The connection closed with nothing written before the close.
-    EXPECT_EQ(pair.server->socketFileDescriptor(), -1);
-    EXPECT_FALSE(pair.client->readData(1).has_value());
 }
 
 TEST(DispatchConcurrencyTest, HundredConcurrentConnectionsAreAllServed) {

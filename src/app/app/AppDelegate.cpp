@@ -184,9 +184,9 @@ void AppDelegate::quitDidClicked() {
     }
     quitting_ = true;
     // Record writes already handed to the database queue are finished before the database
-    // is closed, so nothing a client was told is stored gets lost.
-    sqlm().drain();
-    sqlm().close();
+    // is closed, so nothing a client was told is stored gets lost; the close itself runs on
+    // that queue, never under a write that a request still in flight submitted.
+    sqlm().closeAfterPendingWork();
     terminate(0);
 }
 

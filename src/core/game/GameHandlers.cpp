@@ -1,6 +1,7 @@
 #include "game/GameHandlers.h"
 
 #include <cstdint>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -84,7 +85,10 @@ std::optional<LoginData> loginData(const Request& request, bool needsGameName) {
 
 void send(const std::shared_ptr<Socket>& socket, const Answer& answer) {
     const auto body = answer.json();
-    if (!body || body->size() > static_cast<std::size_t>(kMaxFrameBodyLength)) {
+    // Only what can't be framed is held back. The cap on incoming frames is no limit here: a
+    // login answer lists every player's name and may be larger than the request that asked.
+    if (!body ||
+        body->size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
         return;
     }
     // Length and body in one write: one segment per answer, and never a body without its
@@ -158,10 +162,10 @@ bool hasValidToken(const Request& request) {
 }
 
 // Runs on the main queue a moment after the administrator's logout: every record write that
-// was submitted before is finished, then the database is closed and the process ends.
+// was submitted before is finished, then the database is closed and the process ends. The close
+// runs on the database queue, since requests still in flight may submit writes meanwhile.
 void endGame() {
-    sqlm().drain();
-    sqlm().close();
+    sqlm().closeAfterPendingWork();
     GameState::endProcess(0);
 }
 

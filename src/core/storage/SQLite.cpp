@@ -344,6 +344,15 @@ void SQLite::close() {
     closeStep();
 }
 
+void SQLite::closeAfterPendingWork() {
+    if (sqliteQueue_.isCurrent()) {
+        closeStep();
+        return;
+    }
+    sqliteQueue_.async([this] { closeStep(); });
+    sqliteQueue_.drain();
+}
+
 void SQLite::checkError(const std::string& function, int line) {
     sqlite3* db = db_.load();
     const char* message = sqlite3_errmsg(db);

@@ -53,6 +53,10 @@ class SQLite final {
     bool execQuery(const std::string& query);
     // Closes the connection if one is open and the library accepts.
     void close();
+    // close() run on the database queue behind every block submitted so far, waiting for it:
+    // the pending writes are stored first, no block is running while the connection closes,
+    // and blocks submitted later find it closed. The quit paths use this.
+    void closeAfterPendingWork();
     // True while a connection is open.
     bool isOpen() const;
 
