@@ -165,6 +165,22 @@ TEST_F(SQLiteTest, MissingSchemaGivesAnEmptyDatabaseAndAFailingInitializerCloses
     EXPECT_EQ(GetCapturedStdout(), "");
     EXPECT_TRUE(ran);
     EXPECT_FALSE(sqlm().isOpen());
+
+    // An unreadable script is reported, and creation goes on as if there were none.
+    writeFile(dir_.file("latin2.sql"), "CREATE TABLE T (a); -- \xA3\xF3\x64\xBC\n");
+    const std::pair<std::string, std::string> unreadable[] = {
+        {dir_.path().string(), "Is a directory"},
+        {dir_.file("latin2.sql"), "Invalid or incomplete multibyte or wide character"}};
+    int n = 0;
+    for (const auto& [script, reason] : unreadable) {
+        sqlm().setSchemaPath(script);
+        CaptureStdout();
+        ASSERT_TRUE(sqlm().create(dir_.file("unreadable" + std::to_string(++n))));
+        const std::string out = GetCapturedStdout();
+        EXPECT_TRUE(testing::hasShape(out, "Error: " + reason + ". contentOfFileAt:#\n")) << out;
+        EXPECT_EQ(scalar("SELECT count(*) FROM sqlite_master"), 0);
+        sqlm().close();
+    }
 }
 
 TEST_F(SQLiteTest, SelectNeverRunsStatementsWithoutColumns) {
