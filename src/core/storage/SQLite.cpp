@@ -166,6 +166,13 @@ std::optional<std::string> SQLite::schemaScriptPath() const {
         if (std::filesystem::exists(candidate, ec)) {
             return candidate.string();
         }
+#ifdef POINTLANE_DATA_DIR_FROM_BIN
+        // An installed tree moved elsewhere (another prefix, a package) keeps its layout.
+        const auto installed = exe.parent_path() / POINTLANE_DATA_DIR_FROM_BIN / "Schema.sql";
+        if (std::filesystem::exists(installed, ec)) {
+            return installed.lexically_normal().string();
+        }
+#endif
     }
 #ifdef POINTLANE_DATA_DIR
     const std::filesystem::path installed =
