@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,14 +23,9 @@ using ::testing::internal::GetCapturedStdout;
 
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
     }
     return lines;
 }
@@ -37,32 +33,6 @@ std::vector<std::string> linesOf(const std::string& text) {
 void writeFile(const std::string& path, const std::string& content) {
     std::ofstream out(path, std::ios::binary);
     out << content;
-}
-
-// A second, raw connection to see exactly what is stored.
-std::vector<std::string> rawTexts(const std::string& path, const std::string& query) {
-    std::vector<std::string> out;
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr) == SQLITE_OK) {
-            while (sqlite3_step(stmt) == SQLITE_ROW) {
-                const auto* t = sqlite3_column_text(stmt, 0);
-                out.emplace_back(t ? reinterpret_cast<const char*>(t) : "<null>");
-            }
-        }
-        sqlite3_finalize(stmt);
-    }
-    sqlite3_close(db);
-    return out;
-}
-
-std::int64_t scalar(const std::string& query) {
-    auto rows = sqlm().select(query);
-    if (!rows || rows->empty()) {
-        return -1;
-    }
-    return rows->array.front().begin()->second.data.integerValue().value_or(-1);
 }
 
 constexpr const char* kLookupDb = "POINTLANE_SCHEMA_LOOKUP_DB";
