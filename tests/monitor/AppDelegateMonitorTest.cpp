@@ -1,4 +1,10 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <QAction>
+#include <QSystemTrayIcon>
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -83,6 +89,36 @@ TEST_F(AppDelegateMonitorTest, ClosedWindowIsDroppedAfterATenthOfASecondAndThenB
     EXPECT_EQ(chooseShowMonitor(), "status\n");
     ASSERT_NE(delegate->monitorWindow(), nullptr);
     EXPECT_TRUE(delegate->monitorWindow()->isVisible());
+}
+
+TEST_F(AppDelegateMonitorTest, LaunchShowsTheTrayItemBeforeTheListenerStarts) {
+    if (QSystemTrayIcon::isSystemTrayAvailable()) {
+        GTEST_SKIP() << "the tray item says nothing when it can be shown";
+    }
+    // A port that is taken makes the listener speak at once; the tray item, which the
+    // offscreen platform cannot show, must have spoken before.
+    const int taken = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(listen(taken, 1), 0);
+    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    AppDelegate::Options options;
+    options.headless = false;
+    options.port = ntohs(address.sin_port);
+    delegate = AppDelegate::create(options);
+
+    testing::internal::CaptureStdout();
+    delegate->applicationDidFinishLaunching();
+    const std::string out = testing::internal::GetCapturedStdout();
+    close(taken);
+    const auto tray = out.find("No system tray available");
+    const auto listener = out.find("Can't bind server socket to port");
+    ASSERT_NE(tray, std::string::npos) << out;
+    ASSERT_NE(listener, std::string::npos) << out;
+    EXPECT_LT(tray, listener) << out;
 }
 
 }  // namespace

@@ -83,26 +83,7 @@ TEST_F(RecordListsTest, EmptyDatabaseShowsNoRowsAndMarksNothing) {
     EXPECT_EQ(history->dealTable->gameId(), std::nullopt);
 }
 
-TEST_F(RecordListsTest, GamesNewestFirstWithTheNewestMarkedAndEmptyColumnsOnOpening) {
-    const auto older = saveGame("Gra o świętą ćmę", "Łukasz");
-    const auto newer = saveGame("Sprint 42", "Żaneta");
-    saveDeal(newer, "Logowanie");
-    saveDeal(older, "Płatności");
-
-    auto history = openHistory();
-    GameTable& games = *history->gameTable;
-    ASSERT_EQ(games.tableView->numberOfRows(), 2);
-    EXPECT_EQ(recordAt<Game>(games, 0)->id, newer);
-    EXPECT_EQ(recordAt<Game>(games, 1)->id, older);
-    EXPECT_EQ(recordAt<Game>(games, 1)->name, "Gra o świętą ćmę");
-    EXPECT_EQ(recordAt<Game>(games, 2), nullptr);
-    EXPECT_EQ(markedRows(games), std::vector<int>{0});
-    // The first selection came before the deal list was chained: nothing loaded yet.
-    EXPECT_EQ(history->dealTable->tableView->numberOfRows(), 0);
-    EXPECT_EQ(history->electionTable->tableView->numberOfRows(), 0);
-}
-
-TEST_F(RecordListsTest, ChoosingAGameShowsItsDealsAndTheNewestDealsElections) {
+TEST_F(RecordListsTest, GamesNewestFirstChainToTheChosenGamesDealsAndTheirElections) {
     const auto older = saveGame("Gra o świętą ćmę", "Łukasz");
     const auto newer = saveGame("Sprint 42", "Żaneta");
     const auto first = saveDeal(older, "Płatności");
@@ -113,11 +94,21 @@ TEST_F(RecordListsTest, ChoosingAGameShowsItsDealsAndTheNewestDealsElections) {
     saveElection(second, "Żaneta", "13");
 
     auto history = openHistory();
-    clickRow(history->gameTable->tableView, 1);
+    GameTable& games = *history->gameTable;
+    ASSERT_EQ(games.tableView->numberOfRows(), 2);
+    EXPECT_EQ(recordAt<Game>(games, 0)->id, newer);
+    EXPECT_EQ(recordAt<Game>(games, 1)->name, "Gra o świętą ćmę");
+    EXPECT_EQ(recordAt<Game>(games, 2), nullptr);
+    EXPECT_EQ(markedRows(games), std::vector<int>{0});
+    // The first selection came before the deal list was chained: nothing loaded yet.
+    EXPECT_EQ(history->dealTable->tableView->numberOfRows(), 0);
+    EXPECT_EQ(history->electionTable->tableView->numberOfRows(), 0);
+
+    clickRow(games.tableView, 1);
     settle();
 
     DealTable& deals = *history->dealTable;
-    EXPECT_EQ(markedRows(*history->gameTable), std::vector<int>{1});
+    EXPECT_EQ(markedRows(games), std::vector<int>{1});
     EXPECT_EQ(deals.gameId(), older);
     ASSERT_EQ(deals.tableView->numberOfRows(), 2);
     EXPECT_EQ(recordAt<Deal>(deals, 0)->id, second);
@@ -136,26 +127,8 @@ TEST_F(RecordListsTest, ChoosingAGameShowsItsDealsAndTheNewestDealsElections) {
     ASSERT_EQ(elections.tableView->numberOfRows(), 1);
     EXPECT_EQ(recordAt<Election>(elections, 0)->symbol, "3");
 
-    // A game without deals empties both columns.
-    const auto empty = saveGame("Pusta gra", "Ola");
-    (void)empty;
-    post(Event::gameTableDidChange);
-    settle();
-    EXPECT_EQ(markedRows(*history->gameTable), std::vector<int>{0});
-    EXPECT_EQ(deals.tableView->numberOfRows(), 0);
-    EXPECT_EQ(elections.tableView->numberOfRows(), 0);
-}
-
-TEST_F(RecordListsTest, NewDealsAndElectionsStoredElsewhereAppearForTheGameShown) {
-    const auto older = saveGame("Gra o świętą ćmę", "Łukasz");
-    const auto newer = saveGame("Sprint 42", "Żaneta");
-    saveDeal(older, "Płatności");
-    auto history = openHistory();
-    clickRow(history->gameTable->tableView, 1);
-    settle();
-    ASSERT_EQ(history->dealTable->tableView->numberOfRows(), 1);
-
-    // Stored on the database queue, as the request handlers do; one deal for another game.
+    // Stored on the database queue, as the request handlers do: the deals are re-read for the
+    // game shown, not the newest one, and the newest deal is marked.
     std::int64_t added = 0;
     sqlm().async([&] {
         added = saveDeal(older, "Koszyk");
@@ -164,20 +137,25 @@ TEST_F(RecordListsTest, NewDealsAndElectionsStoredElsewhereAppearForTheGameShown
         post(Event::dealTableDidChange);
     });
     settle();
-    DealTable& deals = *history->dealTable;
-    ASSERT_EQ(deals.tableView->numberOfRows(), 2);
-    EXPECT_EQ(recordAt<Deal>(deals, 0)->id, added);
+    ASSERT_EQ(deals.tableView->numberOfRows(), 3);
     EXPECT_EQ(recordAt<Deal>(deals, 0)->name, "Koszyk");
     EXPECT_EQ(markedRows(deals), std::vector<int>{0});
-    EXPECT_EQ(history->electionTable->dealId(), added);
-
+    EXPECT_EQ(elections.dealId(), added);
     sqlm().async([&] {
         saveElection(added, "Żaneta", "?");
         post(Event::electionTableDidChange);
     });
     settle();
-    ASSERT_EQ(history->electionTable->tableView->numberOfRows(), 1);
-    EXPECT_EQ(recordAt<Election>(*history->electionTable, 0)->symbol, "?");
+    ASSERT_EQ(elections.tableView->numberOfRows(), 1);
+    EXPECT_EQ(recordAt<Election>(elections, 0)->symbol, "?");
+
+    // A game without deals empties both columns.
+    saveGame("Pusta gra", "Ola");
+    post(Event::gameTableDidChange);
+    settle();
+    EXPECT_EQ(markedRows(games), std::vector<int>{0});
+    EXPECT_EQ(deals.tableView->numberOfRows(), 0);
+    EXPECT_EQ(elections.tableView->numberOfRows(), 0);
 }
 
 TEST_F(RecordListsTest, PlayerLoggingInAgainUpdatesThePlayersKeepingTheSelection) {

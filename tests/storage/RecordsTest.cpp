@@ -16,29 +16,6 @@
 namespace pointlane {
 namespace {
 
-std::int64_t count(const std::string& table) {
-    auto rows = sqlm().select("SELECT count(*) AS n FROM " + table);
-    return rows && !rows->empty() ? rows->array[0]["n"]->data.integerValue().value_or(-1) : -1;
-}
-
-std::vector<std::string> storedTexts(const std::string& query) {
-    // Read what the file holds, not what the conversion layer gives back: utf() would hide it.
-    std::vector<std::string> out;
-    auto rows = sqlm().select("SELECT hex(x) AS h FROM (" + query + ")");
-    if (!rows) {
-        return out;
-    }
-    for (const auto& row : *rows) {
-        const std::string hex = row["h"]->data.textValue().value_or("");
-        std::string text;
-        for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-            text.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-        }
-        out.push_back(text);
-    }
-    return out;
-}
-
 // Counts the posts of one event for the life of the object.
 class EventCounter {
   public:
@@ -102,7 +79,7 @@ TEST_F(RecordsTest, SaveInsertsThenUpdatesAndQueriesGiveNewestFirst) {
     // Saving a stored record updates its row instead of adding one.
     second->name = "second renamed";
     ASSERT_TRUE(second->save());
-    EXPECT_EQ(count("Game"), 2);
+    EXPECT_EQ(scalar("SELECT count(*) FROM Game"), 2);
 
     auto games = Game::games();
     ASSERT_TRUE(games.has_value());
@@ -208,13 +185,13 @@ TEST_F(RecordsTest, PolishLettersAreStoredConvertedAndReadBackThroughEveryQuery)
     auto player = PlayerInfo::make("Paweł Gęś", "fe80::1");
     ASSERT_TRUE(player->save());
 
-    EXPECT_EQ(storedTexts("SELECT name AS x FROM Game"),
+    EXPECT_EQ(rawTexts(path(), "SELECT name FROM Game"),
               std::vector<std::string>{"Gra x~ro~dl~owa"});
-    EXPECT_EQ(storedTexts("SELECT admin AS x FROM Game"), std::vector<std::string>{"Z~aneta"});
-    EXPECT_EQ(storedTexts("SELECT name AS x FROM Deal"),
+    EXPECT_EQ(rawTexts(path(), "SELECT admin FROM Game"), std::vector<std::string>{"Z~aneta"});
+    EXPECT_EQ(rawTexts(path(), "SELECT name FROM Deal"),
               std::vector<std::string>{"L~a~czenie kont"});
-    EXPECT_EQ(storedTexts("SELECT symbol AS x FROM Election"), std::vector<std::string>{"½ a~e~"});
-    EXPECT_EQ(storedTexts("SELECT name AS x FROM PlayerInfo"),
+    EXPECT_EQ(rawTexts(path(), "SELECT symbol FROM Election"), std::vector<std::string>{"½ a~e~"});
+    EXPECT_EQ(rawTexts(path(), "SELECT name FROM PlayerInfo"),
               std::vector<std::string>{"Pawel~ Ge~s~"});
 
     EXPECT_EQ(Game::games()->front()->name, "Gra źródłowa");
@@ -259,7 +236,7 @@ TEST_F(RecordsTest, PlayerNamedBindsTheNameAndComparesTheStoredForm) {
     EXPECT_EQ(PlayerInfo::player("x' OR '1'='1"), nullptr);
     EXPECT_EQ(PlayerInfo::player("x'; DELETE FROM PlayerInfo; --"), nullptr);
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(count("PlayerInfo"), 3);
+    EXPECT_EQ(scalar("SELECT count(*) FROM PlayerInfo"), 3);
 
     // Two rows with one name: the first row wins.
     auto twin = PlayerInfo::make("O'Brien", "10.0.0.9");
@@ -282,7 +259,7 @@ TEST_F(RecordsTest, RemoveDeletesTheRowAndAnnouncesIt) {
     EXPECT_TRUE(player->remove());
     EXPECT_EQ(players.count(), 1);
     EXPECT_EQ(PlayerInfo::player("ann"), nullptr);
-    EXPECT_EQ(count("PlayerInfo"), 1);
+    EXPECT_EQ(scalar("SELECT count(*) FROM PlayerInfo"), 1);
 
     // Already gone: still a success, still announced.
     EXPECT_TRUE(player->remove());

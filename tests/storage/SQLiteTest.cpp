@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <unistd.h>
+
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,14 +23,9 @@ using ::testing::internal::GetCapturedStdout;
 
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
     }
     return lines;
 }
@@ -36,31 +35,15 @@ void writeFile(const std::string& path, const std::string& content) {
     out << content;
 }
 
-// A second, raw connection to see exactly what is stored.
-std::vector<std::string> rawTexts(const std::string& path, const std::string& query) {
-    std::vector<std::string> out;
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr) == SQLITE_OK) {
-            while (sqlite3_step(stmt) == SQLITE_ROW) {
-                const auto* t = sqlite3_column_text(stmt, 0);
-                out.emplace_back(t ? reinterpret_cast<const char*>(t) : "<null>");
-            }
-        }
-        sqlite3_finalize(stmt);
+constexpr const char* kLookupDb = "POINTLANE_SCHEMA_LOOKUP_DB";
+// In a copy of this program started by a test below: create a database with the default lookup
+// of the schema script, before gtest starts.
+[[maybe_unused]] const bool schemaLookupChild = [] {
+    if (const char* db = std::getenv(kLookupDb)) {
+        _exit(sqlm().create(db) ? 0 : 1);
     }
-    sqlite3_close(db);
-    return out;
-}
-
-std::int64_t scalar(const std::string& query) {
-    auto rows = sqlm().select(query);
-    if (!rows || rows->empty()) {
-        return -1;
-    }
-    return rows->array.front().begin()->second.data.integerValue().value_or(-1);
-}
+    return false;
+}();
 
 class SQLiteTest : public testing::StorageFixture {};
 
@@ -165,6 +148,46 @@ TEST_F(SQLiteTest, MissingSchemaGivesAnEmptyDatabaseAndAFailingInitializerCloses
     EXPECT_EQ(GetCapturedStdout(), "");
     EXPECT_TRUE(ran);
     EXPECT_FALSE(sqlm().isOpen());
+
+    // An unreadable script is reported, and creation goes on as if there were none.
+    writeFile(dir_.file("latin2.sql"), "CREATE TABLE T (a); -- \xA3\xF3\x64\xBC\n");
+    const std::pair<std::string, std::string> unreadable[] = {
+        {dir_.path().string(), "Is a directory"},
+        {dir_.file("latin2.sql"), "Invalid or incomplete multibyte or wide character"}};
+    int n = 0;
+    for (const auto& [script, reason] : unreadable) {
+        sqlm().setSchemaPath(script);
+        CaptureStdout();
+        ASSERT_TRUE(sqlm().create(dir_.file("unreadable" + std::to_string(++n))));
+        const std::string out = GetCapturedStdout();
+        EXPECT_TRUE(testing::hasShape(out, "Error: " + reason + ". contentOfFileAt:#\n")) << out;
+        EXPECT_EQ(scalar("SELECT count(*) FROM sqlite_master"), 0);
+        sqlm().close();
+    }
+}
+
+TEST_F(SQLiteTest, AnInstalledTreeMovedElsewhereStillFindsItsSchema) {
+    // prefix/bin/<this program> and prefix/share/pointlane/Schema.sql, nowhere near where the
+    // build would have installed them.
+    const std::filesystem::path prefix =
+        std::filesystem::path(POINTLANE_BINARY_DIR) / ("relocated-" + std::to_string(getpid()));
+    std::filesystem::create_directories(prefix / "bin");
+    std::filesystem::create_directories(prefix / "share" / "pointlane");
+    writeFile((prefix / "share" / "pointlane" / "Schema.sql").string(), "CREATE TABLE Moved (x);");
+    const auto self = std::filesystem::read_symlink("/proc/self/exe");
+    const auto program = prefix / "bin" / "storage_tests";
+    std::error_code linked;
+    std::filesystem::create_hard_link(self, program, linked);
+    if (linked) {
+        std::filesystem::copy_file(self, program);
+    }
+    const std::string db = dir_.file("moved.sqlite");
+    const int status =
+        std::system((std::string(kLookupDb) + "='" + db + "' '" + program.string() + "'").c_str());
+    std::filesystem::remove_all(prefix);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(rawTexts(db, "SELECT name FROM sqlite_master WHERE type='table'"),
+              std::vector<std::string>{"Moved"});
 }
 
 TEST_F(SQLiteTest, SelectNeverRunsStatementsWithoutColumns) {

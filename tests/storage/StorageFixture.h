@@ -1,8 +1,11 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "TestKit.h"
 #include "storage/SQLite.h"
@@ -26,6 +29,33 @@ class StorageFixture : public ::testing::Test {
         sqlm().resetSchemaPath();
     }
     const std::string& path() const { return path_; }
+
+    // The first column of the first row as an integer (-1 when there is none).
+    static std::int64_t scalar(const std::string& query) {
+        auto rows = sqlm().select(query);
+        if (!rows || rows->empty()) {
+            return -1;
+        }
+        return rows->array.front().begin()->second.data.integerValue().value_or(-1);
+    }
+
+    // The first column of every row as stored, read over a second, raw connection: the
+    // conversion layer would hide the stored form.
+    static std::vector<std::string> rawTexts(const std::string& path, const std::string& query) {
+        std::vector<std::string> out;
+        sqlite3* db = nullptr;
+        sqlite3_stmt* stmt = nullptr;
+        if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+            sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr) == SQLITE_OK) {
+            while (sqlite3_step(stmt) == SQLITE_ROW) {
+                const auto* t = sqlite3_column_text(stmt, 0);
+                out.emplace_back(t ? reinterpret_cast<const char*>(t) : "<null>");
+            }
+        }
+        sqlite3_finalize(stmt);
+        sqlite3_close(db);
+        return out;
+    }
     testkit::TempDir dir_;
 
   private:

@@ -100,6 +100,10 @@ void AppDelegate::createDatabase() {
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
+    // Icon and menu first: the item is in place before anyone can connect.
+    if (statusItem) {
+        statusItem->show();
+    }
     // The administrator's logout ends the process through the event loop, like a quit.
     GameState::setProcessEnd(&AppDelegate::terminate);
 
@@ -125,11 +129,8 @@ void AppDelegate::applicationDidFinishLaunching() {
 
     startBonjoure();
 
-    if (statusItem) {
-        statusItem->show();
-        if (options_.monitor) {
-            statusDidCliecked();
-        }
+    if (statusItem && options_.monitor) {
+        statusDidCliecked();
     }
 }
 

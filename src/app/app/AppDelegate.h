@@ -25,9 +25,10 @@ class StatusItem;
 // quitDidClicked()) when launch has completed; --monitor then opens the window at once.
 //
 // Start: create() (database folder and path), applicationWillFinishLaunching() (database
-// opened or created, known players emptied), applicationDidFinishLaunching() (listener thread,
-// advertisement). Stop: quitDidClicked() or the administrator's logout end the event loop;
-// applicationWillTerminate() then withdraws the advertisement.
+// opened or created, known players emptied), applicationDidFinishLaunching() (tray icon and
+// menu, listener thread, advertisement, in that order). Stop: quitDidClicked() or the
+// administrator's logout end the event loop; applicationWillTerminate() then withdraws the
+// advertisement.
 //
 // Threading: main thread only, except serverThread(), which the listener thread calls and
 // which touches nothing but the new connection object.
@@ -59,8 +60,8 @@ class AppDelegate final : public QObject,
     // empties the known players. A database that can't be opened or created stops the
     // process ("Can't open the database." / "Can't create the database.").
     void applicationWillFinishLaunching();
-    // Starts the listener on its own thread, waits until it listens (or gave up), reports the
-    // port and publishes the advertisement.
+    // Shows the tray item's icon and menu, then starts the listener on its own thread, waits
+    // until it listens (or gave up), reports the port and publishes the advertisement.
     void applicationDidFinishLaunching();
     // Withdraws the advertisement. Listener and connection threads end with the process.
     void applicationWillTerminate();

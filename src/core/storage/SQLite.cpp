@@ -7,8 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "storage/TextConversions.h"
 
@@ -168,6 +166,13 @@ std::optional<std::string> SQLite::schemaScriptPath() const {
         if (std::filesystem::exists(candidate, ec)) {
             return candidate.string();
         }
+#ifdef POINTLANE_DATA_DIR_FROM_BIN
+        // An installed tree moved elsewhere (another prefix, a package) keeps its layout.
+        const auto installed = exe.parent_path() / POINTLANE_DATA_DIR_FROM_BIN / "Schema.sql";
+        if (std::filesystem::exists(installed, ec)) {
+            return installed.lexically_normal().string();
+        }
+#endif
     }
 #ifdef POINTLANE_DATA_DIR
     const std::filesystem::path installed =
@@ -295,18 +300,34 @@ bool SQLite::createTables() {
 }
 
 std::optional<std::string> SQLite::contentOfFileAt(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream buffer;
-    if (in) {
-        buffer << in.rdbuf();
+    // Read with the C calls so that every failure has its errno: a stream happily "opens" a
+    // folder and then reads nothing, which would pass for an empty script.
+    int error = 0;
+    std::string content;
+    if (std::FILE* file = std::fopen(path.c_str(), "rb")) {
+        char buffer[4096];
+        std::size_t got;
+        while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+            content.append(buffer, got);
+        }
+        if (std::ferror(file)) {
+            error = errno != 0 ? errno : EIO;
+        }
+        std::fclose(file);
+    } else {
+        error = errno != 0 ? errno : EIO;
     }
-    if (!in || in.bad()) {
-        const int error = errno != 0 ? errno : EIO;
+    // The script is UTF-8 text; bytes that are not are no script at all.
+    if (error == 0 && !isValidUtf8(reinterpret_cast<const unsigned char*>(content.data()),
+                                   static_cast<int>(content.size()))) {
+        error = EILSEQ;
+    }
+    if (error != 0) {
         printLine("Error: " + std::string(std::strerror(error)) +
                   ". contentOfFileAt:" + std::to_string(__LINE__));
         return std::nullopt;
     }
-    return buffer.str();
+    return content;
 }
 
 bool SQLite::execQuery(const std::string& query) {

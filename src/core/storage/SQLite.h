@@ -61,7 +61,9 @@ class SQLite final {
     bool isOpen() const;
 
     // Where the schema script is read from; by default "Schema.sql" found next to the
-    // executable or in the installed data folder. Tests point it elsewhere (empty: no script).
+    // executable, else in the data folder of the install the executable belongs to (wherever
+    // that tree was moved), else at the configured install path. Tests point it elsewhere
+    // (empty: no script).
     void setSchemaPath(std::optional<std::string> path);
     // Back to the default lookup.
     void resetSchemaPath();
