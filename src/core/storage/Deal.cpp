@@ -43,6 +43,7 @@ std::shared_ptr<Deal> Deal::fromRow(const RowData& row) {
 
 std::vector<SQLField> Deal::fieldsArray() const {
     std::vector<SQLField> fields;
+    fields.reserve(4);
     if (id > 0) {
         fields.push_back({"id", DataValue::integer(id)});
     }

@@ -52,6 +52,7 @@ std::shared_ptr<Election> Election::fromRow(const RowData& row) {
 
 std::vector<SQLField> Election::fieldsArray() const {
     std::vector<SQLField> fields;
+    fields.reserve(4);
     if (id > 0) {
         fields.push_back({"id", DataValue::integer(id)});
     }

@@ -53,6 +53,7 @@ std::shared_ptr<Game> Game::fromRow(const RowData& row) {
 
 std::vector<SQLField> Game::fieldsArray() const {
     std::vector<SQLField> fields;
+    fields.reserve(4);
     if (id > 0) {
         fields.push_back({"id", DataValue::integer(id)});
     }

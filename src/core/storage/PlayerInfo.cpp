@@ -46,6 +46,7 @@ std::shared_ptr<PlayerInfo> PlayerInfo::fromRow(const std::optional<RowData>& ro
 
 std::vector<SQLField> PlayerInfo::fieldsArray() const {
     std::vector<SQLField> fields;
+    fields.reserve(4);
     if (id > 0) {
         fields.push_back({"id", DataValue::integer(id)});
     }

@@ -449,17 +449,19 @@ std::optional<std::int64_t> SQLite::insert(const std::string& table,
     if (fields.empty()) {
         return std::nullopt;
     }
-    std::string names;
-    std::string values;
-    for (const SQLField& field : fields) {
-        if (!names.empty()) {
-            names += ',';
-            values += ',';
-        }
-        names += field.name;
-        values += ':' + field.name;
+    // Built in one buffer: this runs for every stored record, and the text is also the key of
+    // the statement kept prepared for it.
+    std::string query;
+    query.reserve(40 + table.size() + 4 * fields.size() * (fields.front().name.size() + 2));
+    query.append("INSERT INTO ").append(table).append(" (");
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        query.append(i == 0 ? "" : ",").append(fields[i].name);
     }
-    const std::string query = "INSERT INTO " + table + " (" + names + ") VALUES (" + values + ")";
+    query.append(") VALUES (");
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        query.append(i == 0 ? ":" : ",:").append(fields[i].name);
+    }
+    query.append(")");
     sqlite3* db = db_.load();
     OperationLock lock(db);
     if (db == nullptr) {
@@ -479,8 +481,10 @@ std::optional<std::int64_t> SQLite::insert(const std::string& table,
         insertStatements_.emplace(query, stmt);
     }
     SQLiteStatement bound(this, stmt);
-    for (const SQLField& field : fields) {
-        bound.bind(field);
+    // The text above names the parameters in field order, so field i's ":" + name is
+    // parameter i + 1: binding by position saves a name lookup per field on every insert.
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        bound.bind(static_cast<int>(i) + 1, fields[i]);
     }
     bound.release();
     sqlite3_step(stmt);

@@ -52,7 +52,13 @@ void SQLiteStatement::bind(const SQLField& field) {
         return;
     }
     const std::string parameter = ":" + field.name;
-    const int index = sqlite3_bind_parameter_index(stmt_, parameter.c_str());
+    bind(sqlite3_bind_parameter_index(stmt_, parameter.c_str()), field);
+}
+
+void SQLiteStatement::bind(int index, const SQLField& field) {
+    if (stmt_ == nullptr) {
+        return;
+    }
     const auto& storage = field.data.storage();
     if (const auto* v = std::get_if<DataValue::Integer>(&storage); v && v->value) {
         sqlite3_bind_int64(stmt_, index, *v->value);

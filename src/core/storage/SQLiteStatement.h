@@ -32,6 +32,8 @@ class SQLiteStatement final {
     // Binds one field at the parameter ":" + name: text trimmed and converted, null for an
     // absent payload. Bind failures leave the parameter null and are not reported.
     void bind(const SQLField& field);
+    // The same at a known 1-based parameter index, for a statement whose text the caller built.
+    void bind(int index, const SQLField& field);
 
     // Finalizes now; the result is the finalize call's code (the last step's error, if any).
     int finalize();
