@@ -59,26 +59,15 @@ void DealTable::registerObservers() {
 }
 
 int DealTable::numberOfRows() {
-    int rows = 0;
-    mutex.sync([&] { rows = data ? static_cast<int>(data->size()) : 0; });
-    return rows;
+    return countRows(mutex, data);
 }
 
 std::any DealTable::objectValue(int row) {
-    if (auto deal = dealAt(row)) {
-        return deal;
-    }
-    return {};
+    return objectAt(mutex, data, row);
 }
 
 std::shared_ptr<Deal> DealTable::dealAt(int row) {
-    std::shared_ptr<Deal> deal;
-    mutex.sync([&] {
-        if (data && row >= 0 && row < static_cast<int>(data->size())) {
-            deal = (*data)[static_cast<std::size_t>(row)];
-        }
-    });
-    return deal;
+    return recordAt(mutex, data, row);
 }
 
 OneColumnTableCell* DealTable::cellFor(int row) {

@@ -10,6 +10,7 @@
 #include "monitor/OneColumnTableCellDelegate.h"
 #include "monitor/OneColumnTableDataSource.h"
 #include "monitor/OneColumnTableViewDelegate.h"
+#include "monitor/RecordRows.h"
 #include "monitor/TextAttributes.h"
 #include "storage/Deal.h"
 #include "support/EventObserver.h"
@@ -60,8 +61,8 @@ class DealTable final : public OneColumnTable,
     std::shared_ptr<Deal> dealAt(int row);
 
     Mutex mutex{"pointlane.DealTable.mutex"};
-    std::optional<std::vector<std::shared_ptr<Deal>>> data;  // guarded by mutex
-    std::optional<std::int64_t> gameId_;                     // guarded by mutex
+    RecordRows<Deal> data;                // guarded by mutex
+    std::optional<std::int64_t> gameId_;  // guarded by mutex
 };
 
 }  // namespace pointlane

@@ -55,26 +55,15 @@ void ElectionTable::registerObservers() {
 }
 
 int ElectionTable::numberOfRows() {
-    int rows = 0;
-    mutex.sync([&] { rows = data ? static_cast<int>(data->size()) : 0; });
-    return rows;
+    return countRows(mutex, data);
 }
 
 std::any ElectionTable::objectValue(int row) {
-    if (auto election = electionAt(row)) {
-        return election;
-    }
-    return {};
+    return objectAt(mutex, data, row);
 }
 
 std::shared_ptr<Election> ElectionTable::electionAt(int row) {
-    std::shared_ptr<Election> election;
-    mutex.sync([&] {
-        if (data && row >= 0 && row < static_cast<int>(data->size())) {
-            election = (*data)[static_cast<std::size_t>(row)];
-        }
-    });
-    return election;
+    return recordAt(mutex, data, row);
 }
 
 OneColumnTableCell* ElectionTable::cellFor(int row) {

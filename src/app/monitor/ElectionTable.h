@@ -9,6 +9,7 @@
 #include "monitor/OneColumnTableCellDelegate.h"
 #include "monitor/OneColumnTableDataSource.h"
 #include "monitor/OneColumnTableViewDelegate.h"
+#include "monitor/RecordRows.h"
 #include "monitor/TextAttributes.h"
 #include "storage/Election.h"
 #include "support/EventObserver.h"
@@ -54,7 +55,7 @@ class ElectionTable final : public OneColumnTable,
     void refreshOnMainQueue();
     std::shared_ptr<Election> electionAt(int row);
 
-    std::optional<std::vector<std::shared_ptr<Election>>> data;  // guarded by mutex
+    RecordRows<Election> data;  // guarded by mutex
     Mutex mutex{"pointlane.ElectionTable.mutex"};
     std::optional<std::int64_t> dealId_;  // guarded by mutex
 };

@@ -29,26 +29,15 @@ GameTable::~GameTable() {
 }
 
 int GameTable::numberOfRows() {
-    int rows = 0;
-    mutex.sync([&] { rows = data ? static_cast<int>(data->size()) : 0; });
-    return rows;
+    return countRows(mutex, data);
 }
 
 std::any GameTable::objectValue(int row) {
-    if (auto game = gameAt(row)) {
-        return game;
-    }
-    return {};
+    return objectAt(mutex, data, row);
 }
 
 std::shared_ptr<Game> GameTable::gameAt(int row) {
-    std::shared_ptr<Game> game;
-    mutex.sync([&] {
-        if (data && row >= 0 && row < static_cast<int>(data->size())) {
-            game = (*data)[static_cast<std::size_t>(row)];
-        }
-    });
-    return game;
+    return recordAt(mutex, data, row);
 }
 
 OneColumnTableCell* GameTable::cellFor(int row) {

@@ -9,6 +9,7 @@
 #include "monitor/OneColumnTableCellDelegate.h"
 #include "monitor/OneColumnTableDataSource.h"
 #include "monitor/OneColumnTableViewDelegate.h"
+#include "monitor/RecordRows.h"
 #include "monitor/TextAttributes.h"
 #include "storage/Game.h"
 #include "support/EventObserver.h"
@@ -59,7 +60,7 @@ class GameTable final : public OneColumnTable,
     void registerObservers();
     std::shared_ptr<Game> gameAt(int row);
 
-    std::optional<std::vector<std::shared_ptr<Game>>> data;  // guarded by mutex
+    RecordRows<Game> data;  // guarded by mutex
     Mutex mutex{"pointlane.GameTable.mutex"};
 };
 

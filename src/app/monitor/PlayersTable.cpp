@@ -31,26 +31,15 @@ void PlayersTable::registerObservers() {
 }
 
 int PlayersTable::numberOfRows() {
-    int rows = 0;
-    mutex.sync([&] { rows = data ? static_cast<int>(data->size()) : 0; });
-    return rows;
+    return countRows(mutex, data);
 }
 
 std::any PlayersTable::objectValue(int row) {
-    if (auto player = playerAt(row)) {
-        return player;
-    }
-    return {};
+    return objectAt(mutex, data, row);
 }
 
 std::shared_ptr<PlayerInfo> PlayersTable::playerAt(int row) {
-    std::shared_ptr<PlayerInfo> player;
-    mutex.sync([&] {
-        if (data && row >= 0 && row < static_cast<int>(data->size())) {
-            player = (*data)[static_cast<std::size_t>(row)];
-        }
-    });
-    return player;
+    return recordAt(mutex, data, row);
 }
 
 OneColumnTableCell* PlayersTable::cellFor(int row) {

@@ -8,6 +8,7 @@
 #include "monitor/OneColumnTableCellDelegate.h"
 #include "monitor/OneColumnTableDataSource.h"
 #include "monitor/OneColumnTableViewDelegate.h"
+#include "monitor/RecordRows.h"
 #include "monitor/TextAttributes.h"
 #include "storage/PlayerInfo.h"
 #include "support/EventObserver.h"
@@ -47,7 +48,7 @@ class PlayersTable final : public OneColumnTable,
     void registerObservers();
     std::shared_ptr<PlayerInfo> playerAt(int row);
 
-    std::optional<std::vector<std::shared_ptr<PlayerInfo>>> data;  // guarded by mutex
+    RecordRows<PlayerInfo> data;  // guarded by mutex
     Mutex mutex{"pointlane.PlayerTable.mutex"};
 };
 
