@@ -4,12 +4,14 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config
-  qt6-base-dev qt6-base-dev-tools
+  build-essential cmake ninja-build pkg-config ccache
+  qt6-base-dev qt6-base-dev-tools qt6-httpserver-dev qt6-websockets-dev
   libavahi-client-dev libicu-dev libsqlite3-dev nlohmann-json3-dev
   googletest libgtest-dev libgmock-dev
   dbus avahi-daemon avahi-utils xvfb xauth sqlite3 fonts-dejavu-core
   iproute2 util-linux mount
+  clang-format chromium chromium-driver python3-selenium
+  desktop-file-utils man-db
 )
 
 missing=()
