@@ -84,7 +84,7 @@ TEST_F(GameConcurrencyTest, SameNameLoggingInTwiceAtOnceIsAdmittedOnce) {
             }
         }
         // The refused twin's count stays taken; give it back for the next round.
-        PokerThread::counterMutex.sync([] { --PokerThread::counter; });
+        PokerThread::counter.giveBack();
     }
 }
 

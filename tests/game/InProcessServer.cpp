@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "game/GameHandlers.h"
 #include "game/GameState.h"
 #include "game/PlayerStore.h"
 #include "storage/SQLite.h"
@@ -14,7 +15,7 @@ std::shared_ptr<InProcessServer> InProcessServer::start() {
     sqlm().close();
     EXPECT_TRUE(sqlm().create(server->folder_.file("Pointlane.sqlite")));
     PlayerStore::shared().reset();
-    PokerThread::counterMutex.sync([] { PokerThread::counter = 0; });
+    PokerThread::counter.reset();
     GameState::reset();
     GameState::setProcessEnd([status = server->endStatus_](int code) { status->store(code); });
 
@@ -42,7 +43,7 @@ InProcessServer::~InProcessServer() {
 }
 
 std::shared_ptr<ServerThread> InProcessServer::serverThread(std::shared_ptr<Socket> socket) {
-    return std::make_shared<PokerThread>(std::move(socket));
+    return std::make_shared<PokerThread>(std::move(socket), GameHandlers::handlers());
 }
 
 std::unique_ptr<PokerClient> InProcessServer::client() const {
@@ -50,9 +51,7 @@ std::unique_ptr<PokerClient> InProcessServer::client() const {
 }
 
 int InProcessServer::loginCount() {
-    int count = -1;
-    PokerThread::counterMutex.sync([&] { count = PokerThread::counter; });
-    return count;
+    return PokerThread::counter.value();
 }
 
 std::optional<int> InProcessServer::endStatus() const {

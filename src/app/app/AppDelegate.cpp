@@ -12,6 +12,7 @@
 
 #include "app/ServiceAdvertiser.h"
 #include "game/GameState.h"
+#include "game/GameHandlers.h"
 #include "game/PokerThread.h"
 #include "monitor/DataWindowController.h"
 #include "monitor/StatusItem.h"
@@ -154,7 +155,7 @@ void AppDelegate::applicationWillTerminate() {
 }
 
 std::shared_ptr<ServerThread> AppDelegate::serverThread(std::shared_ptr<Socket> socket) {
-    return std::make_shared<PokerThread>(std::move(socket));
+    return std::make_shared<PokerThread>(std::move(socket), GameHandlers::handlers());
 }
 
 void AppDelegate::statusDidCliecked() {

@@ -114,23 +114,6 @@ void accept(const std::shared_ptr<Socket>& socket, const std::string& token,
     send(socket, answer);
 }
 
-// The limit check: takes one count when one is free. A taken count is kept even when a later
-// step refuses the login; only a logout gives it back.
-bool takeLoginCount() {
-    bool taken = false;
-    PokerThread::counterMutex.sync([&] {
-        if (PokerThread::counter < PokerThread::counterLimit) {
-            ++PokerThread::counter;
-            taken = true;
-        }
-    });
-    return taken;
-}
-
-void giveBackLoginCount() {
-    PokerThread::counterMutex.sync([&] { --PokerThread::counter; });
-}
-
 // The connection back to the client's own server, or nothing (the player is dropped).
 std::shared_ptr<Player> connectBack(const std::shared_ptr<Socket>& socket, const LoginData& data,
                                     bool isAdmin, std::string& address) {
@@ -171,9 +154,6 @@ void endGame() {
 
 }  // namespace
 
-PokerThread::PokerThread(std::shared_ptr<Socket> socket)
-    : PokerThread(std::move(socket), GameHandlers::handlers()) {}
-
 PokerThread::Handlers GameHandlers::handlers() {
     PokerThread::Handlers h;
     h.loginAdmin = &GameHandlers::loginAdmin;
@@ -187,7 +167,7 @@ PokerThread::Handlers GameHandlers::handlers() {
 }
 
 void GameHandlers::loginAdmin(const Request& request, const std::shared_ptr<Socket>& socket) {
-    if (!takeLoginCount()) {
+    if (!PokerThread::counter.take()) {
         refuse(socket, AnswerMessage::limitExceeded);
         return;
     }
@@ -228,7 +208,7 @@ void GameHandlers::loginAdmin(const Request& request, const std::shared_ptr<Sock
 }
 
 void GameHandlers::loginPlayer(const Request& request, const std::shared_ptr<Socket>& socket) {
-    if (!takeLoginCount()) {
+    if (!PokerThread::counter.take()) {
         refuse(socket, AnswerMessage::limitExceeded);
         return;
     }
@@ -287,7 +267,7 @@ void GameHandlers::logout(const Request& request, const std::shared_ptr<Socket>&
     if (!player) {
         return;  // another request removed it meanwhile
     }
-    giveBackLoginCount();
+    PokerThread::counter.giveBack();
 
     sqlm().async([name = player->name] {
         if (auto known = PlayerInfo::player(name)) {

@@ -14,7 +14,7 @@ namespace pointlane {
 //
 // Threading: every handler runs on the thread of the connection that carried the request,
 // many at once. Shared state is the registry (its own lock), the login count
-// (PokerThread::counterMutex, never held together with the registry's lock) and GameState.
+// (PokerThread::counter, whose lock is never held together with the registry's) and GameState.
 class GameHandlers final {
   public:
     GameHandlers() = delete;

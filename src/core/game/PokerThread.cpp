@@ -7,18 +7,10 @@
 
 namespace pointlane {
 
-int PokerThread::counter = 0;
-Mutex PokerThread::counterMutex("pointlane.thread.counter");
+LoginCounter PokerThread::counter;
 
 PokerThread::PokerThread(std::shared_ptr<Socket> socket, Handlers handlers)
-    : ServerThread(std::move(socket)),
-      loginAdmin(std::move(handlers.loginAdmin)),
-      loginPlayer(std::move(handlers.loginPlayer)),
-      logout(std::move(handlers.logout)),
-      initNewDeal(std::move(handlers.initNewDeal)),
-      play(std::move(handlers.play)),
-      openCards(std::move(handlers.openCards)),
-      cardElected(std::move(handlers.cardElected)) {
+    : ServerThread(std::move(socket)), RequestHandlers(std::move(handlers)) {
     // playerAdded and playerRemoved only ever travel from the server to clients' servers, so
     // they have no entry and get no answer.
     call = {

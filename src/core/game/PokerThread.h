@@ -4,55 +4,49 @@
 #include <map>
 #include <memory>
 
-#include "support/Mutex.h"
+#include "game/LoginCounter.h"
 #include "transport/Request.h"
 #include "transport/ServerThread.h"
 #include "transport/Socket.h"
 
 namespace pointlane {
 
+// Called with the request and the connection's own socket; writes its own answer.
+using RequestHandler = std::function<void(const Request&, const std::shared_ptr<Socket>&)>;
+
+// The seven request handlers a connection dispatches to; the application hands in the game's
+// own (GameHandlers::handlers()), tests and tools their own.
+struct RequestHandlers {
+    RequestHandler loginAdmin;
+    RequestHandler loginPlayer;
+    RequestHandler logout;
+    RequestHandler initNewDeal;
+    RequestHandler play;
+    RequestHandler openCards;
+    RequestHandler cardElected;
+};
+
 // The connection object of every client connection: run() reads request frames one after
 // another, decodes them and calls the handler registered for the request's code. Requests on
 // one connection are handled strictly in order, each on this connection's thread.
 //
-// Threading: owned by its connection thread. The class-wide login count is guarded by
-// counterMutex.
-class PokerThread final : public ServerThread {
+// Threading: owned by its connection thread. The class-wide login count is thread safe.
+class PokerThread final : public ServerThread, public RequestHandlers {
   public:
-    // Called with the request and the connection's own socket; writes its own answer.
-    using Handler = std::function<void(const Request&, const std::shared_ptr<Socket>&)>;
+    using Handler = RequestHandler;
+    using Handlers = RequestHandlers;
 
-    struct Handlers {
-        Handler loginAdmin;
-        Handler loginPlayer;
-        Handler logout;
-        Handler initNewDeal;
-        Handler play;
-        Handler openCards;
-        Handler cardElected;
-    };
-
-    // A connection served by the game's own handlers.
-    explicit PokerThread(std::shared_ptr<Socket> socket);
-    // A connection served by the given handlers (tests, tools).
+    // A connection served by the given handlers.
     PokerThread(std::shared_ptr<Socket> socket, Handlers handlers);
 
     void run() override;
 
-    Handler loginAdmin;
-    Handler loginPlayer;
-    Handler logout;
-    Handler initNewDeal;
-    Handler play;
-    Handler openCards;
-    Handler cardElected;
     // The dispatch table: seven entries; playerAdded and playerRemoved have none.
     std::map<RequestCode, Handler> call;
 
-    // Logins currently admitted by the login limit; guarded by counterMutex.
-    static int counter;
-    static constexpr int counterLimit = 5;
-    static Mutex counterMutex;
+    // Logins currently admitted by the login limit, shared by every connection.
+    static LoginCounter counter;
+    static constexpr int counterLimit = LoginCounter::counterLimit;
 };
 
 }  // namespace pointlane
