@@ -9,19 +9,41 @@
 #include <cerrno>
 #include <csignal>
 
+#include "support/NoDestructor.h"
+
 namespace pointlane {
 
 namespace {
 
 constexpr int kSignals[] = {SIGINT, SIGTERM};
 
-// The handler can reach nothing but globals; -1 while no instance is installed.
-std::atomic<int> writeFd{-1};
+// The pipe from the signal handler to the event loop. It lives as long as the process: a
+// signal may arrive on any thread at any moment, also while an instance is being destroyed, so
+// its descriptors are never closed and can never be reused for something else under the
+// handler's write.
+struct SignalPipe {
+    SignalPipe() {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+            readFd = fds[0];
+            writeFd.store(fds[1]);
+        }
+    }
+    int readFd = -1;
+    std::atomic<int> writeFd{-1};
+};
+
+SignalPipe& signalPipe() {
+    static NoDestructor<SignalPipe> pipe;
+    return *pipe;
+}
+
+std::atomic<bool> active{false};  // one instance at a time
 struct sigaction previous[2];
 
 void onSignal(int signal) {
     const int savedErrno = errno;
-    const int fd = writeFd.load();
+    const int fd = signalPipe().writeFd.load();
     if (fd >= 0) {
         const unsigned char number = static_cast<unsigned char>(signal);
         // A full pipe means plenty of quit requests are already pending; losing one is fine.
@@ -30,19 +52,38 @@ void onSignal(int signal) {
     errno = savedErrno;
 }
 
+// Reads what the pipe holds without waiting; calls each for every signal number read.
+template <class Each>
+void readPipe(int fd, Each&& each) {
+    unsigned char numbers[64];
+    for (;;) {
+        const ssize_t count = read(fd, numbers, sizeof numbers);
+        if (count > 0) {
+            for (ssize_t i = 0; i < count; ++i) {
+                if (!each(numbers[i])) {
+                    return;
+                }
+            }
+            continue;
+        }
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        return;  // empty (EAGAIN) or closed
+    }
+}
+
 }  // namespace
 
 QuitSignals::QuitSignals(std::function<void(int)> onQuit, QObject* parent)
     : QObject(parent), onQuit_(std::move(onQuit)) {
-    if (writeFd.load() >= 0) {
+    SignalPipe& pipe = signalPipe();
+    if (pipe.readFd < 0 || active.exchange(true)) {
         return;
     }
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return;
-    }
-    readFd_ = fds[0];
-    writeFd.store(fds[1]);
+    readFd_ = pipe.readFd;
+    // A signal that reached an earlier instance after it stopped listening is not ours.
+    readPipe(readFd_, [](unsigned char) { return true; });
 
     struct sigaction action = {};
     action.sa_handler = onSignal;
@@ -65,36 +106,21 @@ QuitSignals::~QuitSignals() {
         sigaction(kSignals[i], &previous[i], nullptr);
     }
     delete notifier_;
-    const int fd = writeFd.exchange(-1);
-    close(fd);
-    close(readFd_);
+    active.store(false);
 }
 
 void QuitSignals::readSignals() {
     // The callback may well delete this object (the application tears down on quit).
     QPointer<QuitSignals> self(this);
-    unsigned char numbers[64];
-    for (;;) {
-        const ssize_t count = read(readFd_, numbers, sizeof numbers);
-        if (count > 0) {
-            for (ssize_t i = 0; i < count; ++i) {
-                if (!self) {
-                    return;
-                }
-                if (onQuit_) {
-                    onQuit_(numbers[i]);
-                }
-            }
-            if (!self) {
-                return;
-            }
-            continue;
+    readPipe(readFd_, [&](unsigned char number) {
+        if (!self) {
+            return false;
         }
-        if (count < 0 && errno == EINTR) {
-            continue;
+        if (onQuit_) {
+            onQuit_(number);
         }
-        break;  // empty (EAGAIN) or closed
-    }
+        return true;
+    });
 }
 
 }  // namespace pointlane

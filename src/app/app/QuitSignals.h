@@ -28,7 +28,7 @@ class QuitSignals final : public QObject {
 
     std::function<void(int)> onQuit_;
     QSocketNotifier* notifier_ = nullptr;  // child of this object
-    int readFd_ = -1;                      // owned
+    int readFd_ = -1;                      // the process-wide pipe's; never closed
     bool installed_ = false;
 };
 

@@ -4,6 +4,8 @@
 #include <condition_variable>
 #include <thread>
 
+#include "support/NoDestructor.h"
+
 namespace pointlane {
 
 class NotificationCenter::Registration {
@@ -56,8 +58,7 @@ private:
 };
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-    // Never destroyed: detached threads may still post while the process exits.
-    static auto* center = new NotificationCenter();
+    static NoDestructor<NotificationCenter> center;
     return *center;
 }
 

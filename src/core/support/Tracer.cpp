@@ -11,6 +11,8 @@
 #include <ctime>
 #include <filesystem>
 
+#include "support/NoDestructor.h"
+
 namespace pointlane {
 
 namespace {
@@ -131,8 +133,8 @@ void Tracer::stop() {
 }
 
 Tracer& tr() {
-    static Tracer tracer(TraceType::console);
-    return tracer;
+    static NoDestructor<Tracer> tracer(TraceType::console);
+    return *tracer;
 }
 
 }  // namespace pointlane
