@@ -28,6 +28,9 @@ echo "== normal build =="
 build build
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+echo "== Debian package: build, install, check, remove =="
+scripts/package-test.sh build
+
 echo "== ASan + UBSan build =="
 build build-asan -- -DPOINTLANE_SANITIZE=address -DPOINTLANE_BENCH=OFF
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \

@@ -8,6 +8,7 @@
 
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
+#include "app/ExportCommand.h"
 #include "app/QtMainQueue.h"
 #include "app/QuitSignals.h"
 #include "support/MainQueue.h"
@@ -27,13 +28,20 @@ int main(int argc, char** argv) {
 
     const CommandLineResult parsed = CommandLine::parse(argc, argv);
     if (!parsed.ok()) {
-        std::fprintf(stderr, "%s\n%s", parsed.error.c_str(), CommandLine::helpText().c_str());
+        std::fprintf(stderr, "pointlane: %s; try 'pointlane --help'\n", parsed.error.c_str());
         return 2;
     }
     const CommandLine& commandLine = *parsed.commandLine;
     if (commandLine.help) {
         std::fputs(CommandLine::helpText().c_str(), stdout);
         return EXIT_SUCCESS;
+    }
+    if (commandLine.version) {
+        std::fputs(CommandLine::versionText().c_str(), stdout);
+        return EXIT_SUCCESS;
+    }
+    if (commandLine.command == CommandLine::Command::exportHistory) {
+        return exportHistory(commandLine.exportOptions);
     }
     AppDelegate::Options options;
     options.port = commandLine.port;
