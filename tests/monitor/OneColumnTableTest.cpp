@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "monitor/ColorExtension.h"
 #include "monitor/OneColumnTableCell.h"
 #include "monitor/OneColumnTableCellDelegate.h"
 #include "monitor/OneColumnTableDataSource.h"
@@ -182,17 +181,6 @@ TEST_F(OneColumnTableTest, CardsAreGreyAndSelectedOnesBrighterWithAWhiteOutline)
     EXPECT_EQ(OneColumnTableRow::strokeColor(), QColor::fromRgbF(0.65f, 0.65f, 0.65f));
     EXPECT_EQ(OneColumnTableRow::fillColor(), QColor::fromRgbF(0.25f, 0.25f, 0.25f));
     EXPECT_EQ(OneColumnTableRow(QRectF(0, 0, 100, 55), false).cardRect(), QRectF(2.5, 2.5, 95, 50));
-}
-
-TEST(ColorExtensionTest, BrightnessScalesAndKeepsHue) {
-    const QColor base = QColor::fromHsvF(0.6f, 0.5f, 0.5f, 0.8f);
-    const QColor light = lighter(base, 0.5);
-    EXPECT_NEAR(light.valueF(), 0.75, 0.01);
-    EXPECT_NEAR(light.hueF(), 0.6, 0.01);
-    EXPECT_NEAR(light.saturationF(), 0.5, 0.01);
-    EXPECT_NEAR(light.alphaF(), 0.8, 0.01);
-    EXPECT_NEAR(darker(base, 0.2).valueF(), 0.4, 0.01);
-    EXPECT_NEAR(hueColorWithBrightnessAmount(base, 4).valueF(), 1.0, 0.01);
 }
 
 }  // namespace

@@ -80,7 +80,7 @@ void AppDelegate::applicationWillFinishLaunching() {
     // Known players are those of the current run only; games and their history stay.
     sqlm().execQuery("DELETE FROM PlayerInfo");
     if (statusItem) {
-        statusItem->setToolTip(QString::fromLatin1(kTooltip));
+        statusItem->setToolTip(QString::fromLatin1(StatusItem::kToolTip));
     }
 }
 

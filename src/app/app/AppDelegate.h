@@ -43,7 +43,6 @@ class AppDelegate final : public QObject,
     static constexpr const char* kServiceDomain = "local.";
     static constexpr const char* kServiceType = "_pointlane._tcp";
     static constexpr const char* kServiceName = "Pointlane";
-    static constexpr const char* kTooltip = "Pointlane Base";
 
     struct Options {
         int port = kDefaultPort;  // 0: any free port

@@ -2,19 +2,11 @@
 
 #include <QPointer>
 #include <cstdint>
-#include <memory>
 #include <optional>
-#include <vector>
 
-#include "monitor/OneColumnTable.h"
-#include "monitor/OneColumnTableCellDelegate.h"
-#include "monitor/OneColumnTableDataSource.h"
-#include "monitor/OneColumnTableViewDelegate.h"
-#include "monitor/RecordRows.h"
+#include "monitor/RecordTable.h"
 #include "monitor/TextAttributes.h"
 #include "storage/Deal.h"
-#include "support/EventObserver.h"
-#include "support/Mutex.h"
 
 namespace pointlane {
 
@@ -23,13 +15,9 @@ class ElectionTable;
 // The deals of one game (gameId), newest first, the newest marked after each load. Choosing
 // a deal shows its elections in electionTable.
 //
-// Widget work on the main thread. `data` and `gameId` are guarded by `mutex`: the change
-// handler re-reads the deals on the thread that stored one, the table reads on the main thread.
-class DealTable final : public OneColumnTable,
-                        public OneColumnTableViewDelegate,
-                        public OneColumnTableCellDelegate,
-                        public OneColumnTableDataSource,
-                        public EventObserver {
+// Widget work on the main thread; the rows and `gameId` are guarded by the list's mutex
+// (RecordTable).
+class DealTable final : public RecordTable<Deal> {
     Q_OBJECT
 
   public:
@@ -41,12 +29,7 @@ class DealTable final : public OneColumnTable,
     // The game whose deals are shown.
     std::optional<std::int64_t> gameId();
 
-    int numberOfRows() override;
-    std::any objectValue(int row) override;
-    OneColumnTableCell* cellFor(int row) override;
     void changeSelection(int row, bool state) override;
-    void deselectAll() override;
-    void draw(OneColumnTableCell& cell, QPainter& painter) override;
 
     const TextAttributes selectedAttr;
     const TextAttributes normalAttr;
@@ -55,13 +38,12 @@ class DealTable final : public OneColumnTable,
     QPointer<ElectionTable> electionTable;
 
   private:
+    Rows read() override;
+    // Marks the newest deal and shows its elections.
+    void didReload() override;
+    void drawRecord(const Deal& deal, const OneColumnTableCell& cell, QPainter& painter) override;
     void registerObservers();
-    // Reload, mark the newest deal and show its elections, on the main queue.
-    void refreshOnMainQueue();
-    std::shared_ptr<Deal> dealAt(int row);
 
-    Mutex mutex{"pointlane.DealTable.mutex"};
-    RecordRows<Deal> data;                // guarded by mutex
     std::optional<std::int64_t> gameId_;  // guarded by mutex
 };
 

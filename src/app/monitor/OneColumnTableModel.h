@@ -13,6 +13,7 @@ class OneColumnTableModel final : public QAbstractTableModel {
     Q_OBJECT
 
   public:
+    // The identifier of the one column, answered as its header text (the view hides it).
     static constexpr const char* kColumnIdentifier = "data";
 
     explicit OneColumnTableModel(QObject* parent) : QAbstractTableModel(parent) {}

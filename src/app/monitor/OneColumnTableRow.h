@@ -14,7 +14,6 @@ class OneColumnTableRow final {
     static constexpr double kHeight = 55.0;
     static constexpr double kCardInset = 2.5;
     static constexpr double kCornerRadius = 6.0;
-    static constexpr const char* kReuseIdentifier = "OneColumnRow";
 
     static const QColor& selectedStrokeColor();
     static const QColor& selectedFillColor();

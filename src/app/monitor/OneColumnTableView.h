@@ -12,18 +12,16 @@ class OneColumnTableDataSource;
 class OneColumnTableModel;
 class OneColumnTableViewDelegate;
 
-// A table of one column ("data") without headers, with 55-pixel rows drawn as grey cards.
-// It keeps no selection state in the cells: before a row is selected it asks its owner
-// (tableViewDelegate) to unmark the old row and mark the new one, and when the selection
-// becomes empty it tells the owner to unmark everything.
+// A table of one column ("data", OneColumnTableModel::kColumnIdentifier) without headers,
+// with 55-pixel rows drawn as grey cards. It keeps no selection state in the cells: before a
+// row is selected it asks its owner (tableViewDelegate) to unmark the old row and mark the new
+// one, and when the selection becomes empty it tells the owner to unmark everything.
 //
 // Main thread only.
 class OneColumnTableView final : public QTableView {
     Q_OBJECT
 
   public:
-    static constexpr const char* kColumnIdentifier = "data";
-
     explicit OneColumnTableView(QWidget* parent = nullptr);
 
     // Non-owning; the owner outlives the table (it owns it). nullptr: no cells are shown.
