@@ -7,10 +7,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <future>
-#include <stdexcept>
 #include <fstream>
+#include <future>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 

@@ -109,8 +109,8 @@ TEST_F(DispatchTest, TheWholeBodyIsTheRequestAndItsNestingIsBounded) {
     auto client = connect();
     const std::string play = requestBody(4, "whole");
     // depth 2 + 62 = 64 levels: still a request.
-    const std::string deepest = R"({"request":4,"token":"deep","x":)" + std::string(63, '[') +
-                                std::string(63, ']') + "}";
+    const std::string deepest =
+        R"({"request":4,"token":"deep","x":)" + std::string(63, '[') + std::string(63, ']') + "}";
     ::testing::internal::CaptureStdout();
     ASSERT_TRUE(client->writeData(frame(play + std::string(1, '\0') + R"({"request":2})")));
     expectUnknownRequest(*client);

@@ -389,8 +389,9 @@ void SQLite::commitBatch() {
     if (db != nullptr && sqlite3_get_autocommit(db) == 0) {
         execQuery("ROLLBACK");
     }
-    printLine("SQLite: commitBatch (" + std::to_string(__LINE__) + "): the batch was rolled back; " +
-              std::to_string(posts.size()) + " change announcements dropped");
+    printLine("SQLite: commitBatch (" + std::to_string(__LINE__) +
+              "): the batch was rolled back; " + std::to_string(posts.size()) +
+              " change announcements dropped");
 }
 
 void SQLite::close() {

@@ -44,9 +44,8 @@ class ToolBox final {
     // and only with scalar values (a container there becomes null): a decoder that reads a few
     // known members then pays for those, not for everything else the text holds. A top-level
     // array gives an empty array.
-    static std::optional<nlohmann::json> parseJsonMembers(const Bytes& data,
-                                                          std::initializer_list<std::string_view> keys,
-                                                          std::string& error);
+    static std::optional<nlohmann::json> parseJsonMembers(
+        const Bytes& data, std::initializer_list<std::string_view> keys, std::string& error);
     // The writer behind toJsonObject, silent: nothing and the writer's text in error.
     static std::optional<Bytes> writeJson(const nlohmann::json& value, std::string& error);
 
