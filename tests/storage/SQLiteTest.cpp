@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -409,6 +410,45 @@ TEST_F(SQLiteTest, WaitingBlocksCommitTogetherAndOnlyCommittedRowsAreAnnounced) 
     EXPECT_EQ(names, (std::vector<std::string>{"A", "D"}));
     // Two announcements, both after the one commit that stored both rows.
     EXPECT_EQ(seenAtPost, (std::vector<std::int64_t>{2, 2}));
+}
+
+// Closing from the queue in the middle of a batch commits what the batch stored so far (and
+// announces it); the blocks behind the close find no database.
+TEST_F(SQLiteTest, ClosingInsideABatchCommitsTheBlocksBeforeIt) {
+    const std::int64_t deal = storedDeal();
+    ASSERT_GT(deal, 0);
+    std::atomic<int> announced{0};
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        toString(Event::electionTableDidChange), [&] { ++announced; });
+    std::promise<void> gate;
+    sqlm().async([opened = gate.get_future().share()] { opened.wait(); });
+    std::atomic<int> saved{0};
+    std::atomic<int> refused{0};
+    const auto store = [&](const std::string& player) {
+        sqlm().async([&, deal, player] {
+            auto election = Election::make(deal, player, "1");
+            if (election && election->save()) {
+                ++saved;
+                post(Event::electionTableDidChange);
+            } else {
+                ++refused;
+            }
+        });
+    };
+    store("A");
+    store("B");
+    sqlm().async([] { sqlm().closeAfterPendingWork(); });
+    store("C");
+    CaptureStdout();
+    gate.set_value();
+    sqlm().drain();
+    GetCapturedStdout();
+    NotificationCenter::defaultCenter().removeObserver(token);
+    EXPECT_FALSE(sqlm().isOpen());
+    EXPECT_EQ(saved.load(), 2);
+    EXPECT_EQ(refused.load(), 1);
+    EXPECT_EQ(announced.load(), 2);
+    EXPECT_EQ(rawCount(path(), "SELECT count(*) FROM Election"), 2);
 }
 
 // Another process reading the file, even inside a long read transaction, never makes a
