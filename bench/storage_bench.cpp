@@ -7,7 +7,7 @@
 //    logout: how long until the process has ended.
 //
 // Usage: storage_bench [rows] [folder]   (defaults: 10000 rows, a new folder under /tmp)
-// POINTLANE_SERVER=path runs part 2 against another server binary.
+// POINTLANE_SERVER=path runs the flood against another server binary.
 
 #include <sqlite3.h>
 #include <sys/wait.h>
