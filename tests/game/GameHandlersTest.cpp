@@ -152,6 +152,13 @@ TEST_F(GameHandlersTest, DealAndCardRequestsCheckTokenThenData) {
                   AnswerMessage::invalidData, token);
     expectRefusal(boss.client->send(RequestCode::cardElected, bytes("not json")),
                   AnswerMessage::invalidData, token);
+    // A payload nested past the fixed depth is refused before it is built; one more byte than
+    // the value is no payload either.
+    expectRefusal(boss.client->initNewDeal(bytes(R"({"title":"t","x":)" + std::string(64, '[') +
+                                                 std::string(64, ']') + "}")),
+                  AnswerMessage::invalidData, token);
+    expectRefusal(boss.client->initNewDeal(bytes(R"({"title":"t"})" + std::string(1, '\0'))),
+                  AnswerMessage::invalidData, token);
     // Refused requests relay nothing.
     EXPECT_TRUE(boss.clientServer->notifications().empty());
 }

@@ -5,15 +5,23 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "Shape.h"
 #include "StorageFixture.h"
+#include "storage/Deal.h"
+#include "storage/Election.h"
+#include "storage/Game.h"
+#include "support/Event.h"
+#include "support/NotificationCenter.h"
 
 namespace pointlane {
 namespace {
@@ -333,6 +341,158 @@ TEST_F(SQLiteTest, QueueRunsBlocksOneAtATimeInOrder) {
     for (int i = 0; i < 50; ++i) {
         EXPECT_EQ(order[i], i);
     }
+}
+
+// One deal to hang elections on; its id.
+std::int64_t storedDeal() {
+    auto game = Game::make("Gra", "Admin");
+    auto deal = game && game->save() ? Deal::make(game->id, "Zadanie") : nullptr;
+    return deal && deal->save() ? deal->id : 0;
+}
+
+std::int64_t rawCount(const std::string& path, const std::string& query) {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* stmt = nullptr;
+    std::int64_t count = -1;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+        sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW) {
+        count = sqlite3_column_int64(stmt, 0);
+    }
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return count;
+}
+
+// The blocks waiting together run in one transaction; each one's failure stays its own, and
+// the change announcements go out after the commit, for committed rows only.
+TEST_F(SQLiteTest, WaitingBlocksCommitTogetherAndOnlyCommittedRowsAreAnnounced) {
+    const std::int64_t deal = storedDeal();
+    ASSERT_GT(deal, 0);
+    std::vector<std::int64_t> seenAtPost;  // on the queue only
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        toString(Event::electionTableDidChange), [&] {
+            // Another connection sees only committed rows.
+            seenAtPost.push_back(rawCount(path(), "SELECT count(*) FROM Election"));
+        });
+    std::promise<void> gate;
+    sqlm().async([opened = gate.get_future().share()] { opened.wait(); });
+    const auto store = [&](std::int64_t dealId, const std::string& player, bool fail) {
+        sqlm().async([dealId, player, fail] {
+            auto election = Election::make(dealId, player, "5");
+            if (election && election->save()) {
+                post(Event::electionTableDidChange);
+            }
+            if (fail) {
+                throw std::runtime_error("after its insert");
+            }
+        });
+    };
+    store(deal, "A", false);
+    store(deal + 100, "B", false);  // no such deal: the insert fails, nothing is announced
+    store(deal, "C", true);         // stored, then the block fails: rolled back, not announced
+    store(deal, "D", false);
+    CaptureStdout();
+    gate.set_value();
+    sqlm().drain();
+    const std::string printed = GetCapturedStdout();
+    NotificationCenter::defaultCenter().removeObserver(token);
+
+    EXPECT_NE(printed.find("insert(table:fields:)"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("sqlite.manager: a block failed: after its insert"), std::string::npos)
+        << printed;
+    auto rows = sqlm().select("SELECT playerName FROM Election ORDER BY id");
+    ASSERT_TRUE(rows);
+    std::vector<std::string> names;
+    for (const auto& row : rows->array) {
+        names.push_back(row["playerName"]->data.textValue().value_or(""));
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"A", "D"}));
+    // Two announcements, both after the one commit that stored both rows.
+    EXPECT_EQ(seenAtPost, (std::vector<std::int64_t>{2, 2}));
+}
+
+// Closing from the queue in the middle of a batch commits what the batch stored so far (and
+// announces it); the blocks behind the close find no database.
+TEST_F(SQLiteTest, ClosingInsideABatchCommitsTheBlocksBeforeIt) {
+    const std::int64_t deal = storedDeal();
+    ASSERT_GT(deal, 0);
+    std::atomic<int> announced{0};
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        toString(Event::electionTableDidChange), [&] { ++announced; });
+    std::promise<void> gate;
+    sqlm().async([opened = gate.get_future().share()] { opened.wait(); });
+    std::atomic<int> saved{0};
+    std::atomic<int> refused{0};
+    const auto store = [&](const std::string& player) {
+        sqlm().async([&, deal, player] {
+            auto election = Election::make(deal, player, "1");
+            if (election && election->save()) {
+                ++saved;
+                post(Event::electionTableDidChange);
+            } else {
+                ++refused;
+            }
+        });
+    };
+    store("A");
+    store("B");
+    sqlm().async([] { sqlm().closeAfterPendingWork(); });
+    store("C");
+    CaptureStdout();
+    gate.set_value();
+    sqlm().drain();
+    GetCapturedStdout();
+    NotificationCenter::defaultCenter().removeObserver(token);
+    EXPECT_FALSE(sqlm().isOpen());
+    EXPECT_EQ(saved.load(), 2);
+    EXPECT_EQ(refused.load(), 1);
+    EXPECT_EQ(announced.load(), 2);
+    EXPECT_EQ(rawCount(path(), "SELECT count(*) FROM Election"), 2);
+}
+
+// Another process reading the file, even inside a long read transaction, never makes a
+// store fail.
+TEST_F(SQLiteTest, ALongReadElsewhereNeverFailsAStore) {
+    const std::int64_t deal = storedDeal();
+    ASSERT_GT(deal, 0);
+    auto mode = sqlm().select("PRAGMA journal_mode");
+    ASSERT_TRUE(mode && !mode->empty());
+    EXPECT_EQ(mode->array.front()["journal_mode"]->data.textValue(), "wal");
+    EXPECT_EQ(scalar("PRAGMA synchronous"), 2);  // FULL
+
+    sqlite3* reader = nullptr;
+    sqlite3_stmt* count = nullptr;
+    ASSERT_EQ(sqlite3_open_v2(path().c_str(), &reader, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(reader, "BEGIN", nullptr, nullptr, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_prepare_v2(reader, "SELECT count(*) FROM Election", -1, &count, nullptr),
+              SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(count), SQLITE_ROW);  // the read transaction holds its snapshot
+    EXPECT_EQ(sqlite3_column_int64(count, 0), 0);
+    sqlite3_reset(count);
+
+    std::atomic<int> stored{0};
+    CaptureStdout();
+    for (int i = 0; i < 40; ++i) {
+        sqlm().async([&, deal, i] {
+            auto election = Election::make(deal, "P" + std::to_string(i), "3");
+            if (election && election->save()) {
+                ++stored;
+            }
+        });
+        if (i % 10 == 9) {
+            sqlm().drain();  // several commits while the reader holds on
+        }
+    }
+    sqlm().drain();
+    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_EQ(stored.load(), 40);
+    ASSERT_EQ(sqlite3_step(count), SQLITE_ROW);
+    EXPECT_EQ(sqlite3_column_int64(count, 0), 0);  // still the reader's snapshot
+    sqlite3_finalize(count);
+    sqlite3_exec(reader, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(reader);
+    EXPECT_EQ(rawCount(path(), "SELECT count(*) FROM Election"), 40);
 }
 
 TEST(SQLiteValuesTest, StatusCodesAndValueTypesConvertOnlyKnownValues) {

@@ -41,6 +41,40 @@ TEST(ToolBoxTest, FromJsonObjectParsesContainersAndReportsErrors) {
     }
 }
 
+TEST(ToolBoxTest, JsonIsOneWholeValueNestedAtMostTheFixedDepth) {
+    const auto nested = [](int depth, const std::string& open, const std::string& close) {
+        std::string text;
+        for (int i = 0; i < depth; ++i) {
+            text += open;
+        }
+        text += "1";
+        for (int i = 0; i < depth; ++i) {
+            text += close;
+        }
+        return text;
+    };
+    const int limit = ToolBox::kMaxJsonDepth;
+    ASSERT_EQ(limit, 64);
+    EXPECT_TRUE(ToolBox::fromJsonObject(bytesOf(nested(limit, "[", "]"))).has_value());
+    EXPECT_TRUE(ToolBox::fromJsonObject(bytesOf(nested(limit, "{\"a\":", "}"))).has_value());
+    // Brackets inside strings, escaped quotes included, are text, not nesting.
+    const std::string quoted = "{\"a\":\"\\\"" + std::string(200, '[') + "\"}";
+    EXPECT_TRUE(ToolBox::fromJsonObject(bytesOf(quoted)).has_value());
+    EXPECT_TRUE(ToolBox::fromJsonObject(bytesOf(" \t\r\n{}\n ")).has_value());
+
+    const std::string huge(1 << 20, '[');
+    for (const std::string& bad :
+         {nested(limit + 1, "[", "]"), nested(limit + 1, "{\"a\":", "}"), huge,
+          std::string("{\"a\":1}\0{\"b\":2}", 15), std::string("{}\0", 3), std::string("{} {}"),
+          std::string("[1]]")}) {
+        ::testing::internal::CaptureStdout();
+        EXPECT_FALSE(ToolBox::fromJsonObject(bytesOf(bad)).has_value()) << bad.substr(0, 40);
+        const std::string printed = ::testing::internal::GetCapturedStdout();
+        EXPECT_EQ(printed.rfind("Serialization error: ", 0), 0u) << bad.substr(0, 40);
+        EXPECT_EQ(printed.find('\n'), printed.size() - 1) << "one line for " << bad.substr(0, 40);
+    }
+}
+
 TEST(ToolBoxTest, ToJsonObjectIsCompactAndReportsUnwritableText) {
     EXPECT_EQ(ToolBox::toJsonObject(nlohmann::json{{"name", "a b"}}), bytesOf(R"({"name":"a b"})"));
     EXPECT_EQ(ToolBox::toJsonObject(nlohmann::json::array({1, 2})), bytesOf("[1,2]"));

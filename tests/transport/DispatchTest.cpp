@@ -105,6 +105,37 @@ TEST_F(DispatchTest, UndecodableBodiesGetUnknownRequestAndTheConnectionStaysUsab
     expectServed(*client, "after");
 }
 
+TEST_F(DispatchTest, TheWholeBodyIsTheRequestAndItsNestingIsBounded) {
+    auto client = connect();
+    const std::string play = requestBody(4, "whole");
+    // depth 2 + 62 = 64 levels: still a request.
+    const std::string deepest =
+        R"({"request":4,"token":"deep","x":)" + std::string(63, '[') + std::string(63, ']') + "}";
+    ::testing::internal::CaptureStdout();
+    ASSERT_TRUE(client->writeData(frame(play + std::string(1, '\0') + R"({"request":2})")));
+    expectUnknownRequest(*client);
+    ASSERT_TRUE(client->writeData(frame(play + " {}")));
+    expectUnknownRequest(*client);
+    ASSERT_TRUE(client->writeData(frame(R"({"request":4,"token":"x","x":)" + std::string(64, '[') +
+                                        std::string(64, ']') + "}")));
+    expectUnknownRequest(*client);
+    ASSERT_TRUE(client->writeData(frame(std::string(1 << 20, '['))));
+    expectUnknownRequest(*client);
+    const std::string printed = ::testing::internal::GetCapturedStdout();
+    EXPECT_NE(printed.find("init(usingJson:)(41): Serialization error: "), std::string::npos);
+    EXPECT_NE(printed.find("deeper than 64"), std::string::npos);
+
+    // White space around the value is part of JSON.
+    ASSERT_TRUE(client->writeData(frame(" \r\n\t" + play + "\n ")));
+    auto answer = readAnswer(*client);
+    ASSERT_TRUE(answer.has_value());
+    EXPECT_EQ(answer->token, "whole");
+    ASSERT_TRUE(client->writeData(frame(deepest)));
+    answer = readAnswer(*client);
+    ASSERT_TRUE(answer.has_value());
+    EXPECT_EQ(answer->token, "deep");
+}
+
 TEST_F(DispatchTest, ServerOnlyCodesGetNoAnswer) {
     auto client = connect();
     ASSERT_TRUE(client->writeData(frame(requestBody(6, "added"))));

@@ -9,6 +9,8 @@
 #include <filesystem>
 
 #include "storage/TextConversions.h"
+#include "support/DeferredPosts.h"
+#include "support/ToolBox.h"
 
 namespace pointlane {
 
@@ -18,74 +20,6 @@ void printLine(const std::string& line) {
     std::fputs(line.c_str(), stdout);
     std::fputc('\n', stdout);
     std::fflush(stdout);
-}
-
-bool isValidUtf8(const unsigned char* bytes, int count) {
-    int i = 0;
-    while (i < count) {
-        unsigned char c = bytes[i];
-        int len;
-        std::uint32_t cp;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        } else if ((c & 0xE0) == 0xC0) {
-            len = 2;
-            cp = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            len = 3;
-            cp = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            len = 4;
-            cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + len > count) {
-            return false;
-        }
-        for (int k = 1; k < len; ++k) {
-            if ((bytes[i + k] & 0xC0) != 0x80) {
-                return false;
-            }
-            cp = (cp << 6) | (bytes[i + k] & 0x3F);
-        }
-        if ((len == 2 && cp < 0x80) || (len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000) ||
-            cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-            return false;
-        }
-        i += len;
-    }
-    return true;
-}
-
-DataValue columnValue(sqlite3_stmt* stmt, int column) {
-    switch (sqlite3_column_type(stmt, column)) {
-        case SQLITE_INTEGER:
-            return DataValue::integer(sqlite3_column_int64(stmt, column));
-        case SQLITE_FLOAT:
-            return DataValue::floating(sqlite3_column_double(stmt, column));
-        case SQLITE_TEXT: {
-            const auto* bytes =
-                static_cast<const unsigned char*>(sqlite3_column_blob(stmt, column));
-            const int count = sqlite3_column_bytes(stmt, column);
-            if (bytes == nullptr || count <= 0 || !isValidUtf8(bytes, count)) {
-                return DataValue::text(std::nullopt);
-            }
-            return DataValue::text(
-                utf(std::string_view(reinterpret_cast<const char*>(bytes), count)));
-        }
-        case SQLITE_BLOB: {
-            const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, column));
-            const int count = sqlite3_column_bytes(stmt, column);
-            if (bytes == nullptr || count <= 0) {
-                return DataValue::blob(std::nullopt);
-            }
-            return DataValue::blob(Bytes(bytes, bytes + count));
-        }
-        default:
-            return DataValue::null();
-    }
 }
 
 }  // namespace
@@ -119,8 +53,13 @@ SQLite& SQLite::shared() {
     return *instance;
 }
 
+void SQLite::Closer::operator()(sqlite3* db) const {
+    sqlite3_close_v2(db);
+}
+
 SQLite::SQLite() {
     sqlite3_initialize();
+    sqliteQueue_.setBatchRunner([this](std::vector<WorkQueue::Block>& batch) { runBatch(batch); });
 }
 
 SQLite::~SQLite() {
@@ -211,7 +150,10 @@ bool SQLite::open(const std::string& path) {
     const int rc = sqlite3_open_v2(path.c_str(), &handle,
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
     // A handle the library returned stays ours even when the open failed; close() releases it.
-    db_.store(handle);
+    adopt(handle);
+    if (rc == SQLITE_OK) {
+        configureConnection();
+    }
     if (rc == SQLITE_OK && execQuery("PRAGMA foreign_keys = ON")) {
         return true;
     }
@@ -235,7 +177,7 @@ bool SQLite::create(const std::string& path, const std::function<bool(SQLite&)>&
     const int rc = sqlite3_open_v2(
         path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
         nullptr);
-    db_.store(handle);
+    adopt(handle);
     if (rc != SQLITE_OK) {
         {
             OperationLock lock(handle);
@@ -244,6 +186,7 @@ bool SQLite::create(const std::string& path, const std::function<bool(SQLite&)>&
         closeStep();
         return false;
     }
+    configureConnection();
     if (!createTables()) {
         {
             OperationLock lock(handle);
@@ -318,8 +261,7 @@ std::optional<std::string> SQLite::contentOfFileAt(const std::string& path) {
         error = errno != 0 ? errno : EIO;
     }
     // The script is UTF-8 text; bytes that are not are no script at all.
-    if (error == 0 && !isValidUtf8(reinterpret_cast<const unsigned char*>(content.data()),
-                                   static_cast<int>(content.size()))) {
+    if (error == 0 && !ToolBox::isValidUtf8(content)) {
         error = EILSEQ;
     }
     if (error != 0) {
@@ -345,20 +287,111 @@ bool SQLite::execQuery(const std::string& query) {
     return false;
 }
 
+void SQLite::adopt(sqlite3* handle) {
+    connection_.reset(handle);
+    db_.store(handle);
+}
+
+void SQLite::configureConnection() {
+    sqlite3* db = db_.load();
+    OperationLock lock(db);
+    sqlite3_busy_timeout(db, kBusyTimeoutMilliseconds);
+    // Quiet on purpose: a file that is no database fails at the next statement, with the
+    // report that belongs there; a file system without shared memory keeps its rollback
+    // journal, and the store still works (readers elsewhere may then make it wait up to the
+    // busy timeout).
+    sqlite3_exec(db, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
+}
+
 void SQLite::finalizeCachedStatements() {
     OperationLock lock(db_.load());
-    for (auto& [query, stmt] : insertStatements_) {
-        sqlite3_finalize(stmt);
-    }
     insertStatements_.clear();
 }
 
 void SQLite::closeStep() {
+    if (sqliteQueue_.isCurrent()) {
+        // Closed from a block: what the batch stored so far is committed first.
+        commitBatch();
+    }
     sqlite3* db = db_.load();
     finalizeCachedStatements();
     if (db != nullptr && sqlite3_close(db) == SQLITE_OK) {
         db_.store(nullptr);
+        (void)connection_.release();  // closed just now
     }
+}
+
+void SQLite::deliver(const std::vector<Event>& events) {
+    for (const Event event : events) {
+        post(event);
+    }
+}
+
+void SQLite::runBatch(std::vector<WorkQueue::Block>& batch) {
+    for (WorkQueue::Block& block : batch) {
+        if (!inTransaction_ && db_.load() != nullptr) {
+            inTransaction_ = execQuery("BEGIN IMMEDIATE");
+        }
+        const bool isolated = inTransaction_ && execQuery("SAVEPOINT block");
+        bool ran;
+        std::vector<Event> posts;
+        {
+            DeferredPosts deferred;
+            ran = sqliteQueue_.runReporting(block);
+            posts = deferred.take();
+        }
+        block = nullptr;
+        sqlite3* db = db_.load();
+        if (!inTransaction_) {
+            // No transaction (no database, or the block closed it): its rows, if any, are
+            // already committed.
+            if (ran) {
+                deliver(posts);
+            }
+            continue;
+        }
+        if (db == nullptr || sqlite3_get_autocommit(db) != 0) {
+            // The library rolled the whole transaction back (a full disk, an I/O error): the
+            // rows of this batch so far are gone, and so are their announcements.
+            printLine("SQLite: runBatch (" + std::to_string(__LINE__) +
+                      "): the transaction was rolled back; " +
+                      std::to_string(committedPosts_.size() + posts.size()) +
+                      " change announcements dropped");
+            inTransaction_ = false;
+            committedPosts_.clear();
+            continue;
+        }
+        if (!ran && isolated) {
+            execQuery("ROLLBACK TO block");
+        }
+        if (isolated) {
+            execQuery("RELEASE block");
+        }
+        if (ran) {
+            committedPosts_.insert(committedPosts_.end(), posts.begin(), posts.end());
+        }
+    }
+    commitBatch();
+}
+
+void SQLite::commitBatch() {
+    if (!inTransaction_) {
+        return;
+    }
+    inTransaction_ = false;
+    std::vector<Event> posts = std::exchange(committedPosts_, {});
+    if (execQuery("COMMIT")) {
+        deliver(posts);
+        return;
+    }
+    sqlite3* db = db_.load();
+    if (db != nullptr && sqlite3_get_autocommit(db) == 0) {
+        execQuery("ROLLBACK");
+    }
+    printLine("SQLite: commitBatch (" + std::to_string(__LINE__) +
+              "): the batch was rolled back; " + std::to_string(posts.size()) +
+              " change announcements dropped");
 }
 
 void SQLite::close() {
@@ -387,12 +420,8 @@ std::pair<SQLiteStatusCode, SQLiteStatement> SQLite::fetchStatement(const std::s
     if (db == nullptr) {
         return {SQLiteStatusCode::notReadyToWork, SQLiteStatement()};
     }
-    sqlite3_stmt* stmt = nullptr;
-    const int rc = sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr);
-    SQLiteStatement statement(this, rc == SQLITE_OK ? stmt : nullptr);
-    if (rc != SQLITE_OK && stmt != nullptr) {
-        sqlite3_finalize(stmt);
-    }
+    int rc = SQLITE_OK;
+    SQLiteStatement statement = SQLiteStatement::prepare(this, db, query, rc);
     return {sqliteStatusCodeFrom(rc).value_or(SQLiteStatusCode::error), std::move(statement)};
 }
 
@@ -417,19 +446,17 @@ std::optional<QueryResult> SQLite::runSelect(const std::string& query,
                 statement.bind(field);
             }
         }
-        sqlite3_stmt* stmt = statement.stmt();
-        const int columns = sqlite3_column_count(stmt);
+        const int columns = statement.columnCount();
         if (columns > 0) {
             std::vector<std::string> names;
-            names.reserve(columns);
+            names.reserve(static_cast<std::size_t>(columns));
             for (int c = 0; c < columns; ++c) {
-                const char* name = sqlite3_column_name(stmt, c);
-                names.emplace_back(name ? name : "");
+                names.push_back(statement.columnName(c));
             }
-            while (sqlite3_step(stmt) == SQLITE_ROW) {
+            while (statement.step() == SQLITE_ROW) {
                 RowData row;
                 for (int c = 0; c < columns; ++c) {
-                    row.set(SQLField{names[c], columnValue(stmt, c)});
+                    row.set(SQLField{names[static_cast<std::size_t>(c)], statement.columnValue(c)});
                 }
                 result.array.push_back(std::move(row));
             }
@@ -468,30 +495,25 @@ std::optional<std::int64_t> SQLite::insert(const std::string& table,
         checkError("insert(table:fields:)", __LINE__);
         return std::nullopt;
     }
-    sqlite3_stmt* stmt = nullptr;
-    if (auto it = insertStatements_.find(query); it != insertStatements_.end()) {
-        stmt = it->second;
-    } else {
+    auto cached = insertStatements_.find(query);
+    if (cached == insertStatements_.end()) {
         auto [status, statement] = fetchStatement(query);
         if (status != SQLiteStatusCode::ok) {
             checkError("insert(table:fields:)", __LINE__);
             return std::nullopt;
         }
-        stmt = statement.release();
-        insertStatements_.emplace(query, stmt);
+        cached = insertStatements_.emplace(query, std::move(statement)).first;
     }
-    SQLiteStatement bound(this, stmt);
+    SQLiteStatement& statement = cached->second;
     // The text above names the parameters in field order, so field i's ":" + name is
     // parameter i + 1: binding by position saves a name lookup per field on every insert.
     for (std::size_t i = 0; i < fields.size(); ++i) {
-        bound.bind(static_cast<int>(i) + 1, fields[i]);
+        statement.bind(static_cast<int>(i) + 1, fields[i]);
     }
-    bound.release();
-    sqlite3_step(stmt);
-    // Like finalize, reset returns the error of the step that just ran: this insert's own.
-    const int rc = sqlite3_reset(stmt);
-    // Blobs are bound without copying; drop them before the caller's fields go away.
-    sqlite3_clear_bindings(stmt);
+    statement.step();
+    // Like finalize, reset returns the error of the step that just ran: this insert's own. It
+    // also drops the bindings (blobs are bound without copying) before the caller's fields go.
+    const int rc = statement.reset();
     if (rc != SQLITE_OK) {
         checkError("insert(table:fields:)", __LINE__);
         return std::nullopt;
@@ -525,7 +547,7 @@ bool SQLite::update(const std::string& table, const std::vector<SQLField>& field
         for (const SQLField& field : fields) {
             statement.bind(field);
         }
-        sqlite3_step(statement.stmt());
+        statement.step();
         ok = statement.finalize() == SQLITE_OK;
     }
     if (!ok) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -14,10 +15,10 @@
 #include "storage/SQLiteStatement.h"
 #include "storage/SQLiteStatusCode.h"
 #include "storage/Values.h"
+#include "support/Event.h"
 #include "support/WorkQueue.h"
 
 struct sqlite3;
-struct sqlite3_stmt;
 
 namespace pointlane {
 
@@ -29,6 +30,15 @@ namespace pointlane {
 // overlap a write on the work queue; each operation's success check is its own. open(),
 // create() and close() run when no other thread uses the connection. Record writes are
 // submitted with async() and run one at a time, in submission order.
+//
+// Group commit: the queue's worker takes every block waiting at that moment and runs them
+// inside one transaction, each block inside its own savepoint (a block that throws is rolled
+// back alone), and commits once; the change announcements the blocks post are held until that
+// commit and dropped, with a report, when it fails. At most WorkQueue::kDefaultCapacity blocks
+// wait: a submitter on any other thread waits for room.
+//
+// The file is kept in WAL mode with synchronous=FULL (every commit is on disk when it returns)
+// and a busy timeout, so another process reading the file never makes a write fail.
 class SQLite final {
   public:
     // The single instance, created on first use and never destroyed.
@@ -37,7 +47,11 @@ class SQLite final {
     SQLite(const SQLite&) = delete;
     SQLite& operator=(const SQLite&) = delete;
 
-    // Schedules block on the database queue ("sqlite.manager") and returns at once.
+    // How long a statement waits for another connection's lock before it fails.
+    static constexpr int kBusyTimeoutMilliseconds = 5000;
+
+    // Schedules block on the database queue ("sqlite.manager"); returns at once unless the
+    // queue is full, then once there is room.
     void async(std::function<void()> block);
     // Waits until every block submitted so far has run (shutdown, tests).
     void drain();
@@ -91,6 +105,9 @@ class SQLite final {
     ~SQLite();
 
     class OperationLock;
+    struct Closer {
+        void operator()(sqlite3* db) const;
+    };
 
     bool createTables();
     std::optional<std::string> contentOfFileAt(const std::string& path);
@@ -101,17 +118,31 @@ class SQLite final {
                                          const std::vector<SQLField>* fields);
     void closeStep();
     void finalizeCachedStatements();
+    // Adopts the handle the open call returned (also a failed one) as the connection.
+    void adopt(sqlite3* handle);
+    // Busy timeout, WAL journal, full sync: a reader elsewhere never costs a write.
+    void configureConnection();
+    // The worker's side of group commit.
+    void runBatch(std::vector<WorkQueue::Block>& batch);
+    void commitBatch();
+    static void deliver(const std::vector<Event>& events);
 
     static constexpr std::array<char, 16> SQLiteHeader{'S', 'Q', 'L', 'i', 't', 'e', ' ', 'f',
                                                        'o', 'r', 'm', 'a', 't', ' ', '3', '\0'};
     WorkQueue sqliteQueue_{"sqlite.manager"};
-    // Set and cleared only by open(), create() and close(), which run while no other thread
-    // uses the connection; atomic so that a reader never sees a torn value.
+    // The owner of the connection. Set and cleared only by open(), create() and close(), which
+    // run while no other thread uses the connection.
+    std::unique_ptr<sqlite3, Closer> connection_;
+    // The same handle for the other threads' operations; atomic so that a reader never sees a
+    // torn value. Never closed through this view.
     std::atomic<sqlite3*> db_{nullptr};
     // Insert statements kept prepared for the next insert into the same table with the same
     // columns (the records insert the same shapes over and over); guarded by the connection's
     // own mutex and finalized before the connection closes.
-    std::unordered_map<std::string, sqlite3_stmt*> insertStatements_;
+    std::unordered_map<std::string, SQLiteStatement> insertStatements_;
+    // Group commit state, touched only by the queue's worker.
+    bool inTransaction_ = false;
+    std::vector<Event> committedPosts_;  // posts of the blocks in the open transaction
     mutable std::mutex schemaMutex_;
     std::optional<std::optional<std::string>> schemaPath_;  // guarded by schemaMutex_
 };

@@ -3,6 +3,7 @@
 #include <array>
 #include <utility>
 
+#include "support/DeferredPosts.h"
 #include "support/NotificationCenter.h"
 
 namespace pointlane {
@@ -34,6 +35,12 @@ std::optional<Event> eventFrom(std::string_view text) {
     return std::nullopt;
 }
 
-void post(Event event) { NotificationCenter::defaultCenter().post(toString(event)); }
+void post(Event event) {
+    if (DeferredPosts* deferred = DeferredPosts::current()) {
+        deferred->collect(event);
+        return;
+    }
+    NotificationCenter::defaultCenter().post(toString(event));
+}
 
 }  // namespace pointlane

@@ -19,7 +19,8 @@ std::string toString(Event event);
 // Exactly the four texts (case-sensitive); anything else gives nothing.
 std::optional<Event> eventFrom(std::string_view text);
 
-// Posts the event by its text on the default notification centre.
+// Posts the event by its text on the default notification centre; while a DeferredPosts scope
+// lives on this thread, the event is collected there instead.
 void post(Event event);
 
 }  // namespace pointlane

@@ -44,6 +44,115 @@ class RecordingSax {
     nlohmann::detail::json_sax_dom_parser<json> dom_;
 };
 
+// Keeps only the named scalar members of a top-level object; everything else is checked by
+// the parser and dropped as it passes.
+class MemberSax {
+  public:
+    explicit MemberSax(std::initializer_list<std::string_view> keys) : keys_(keys) {}
+
+    bool null() { return scalar(nullptr); }
+    bool boolean(bool value) { return scalar(value); }
+    bool number_integer(json::number_integer_t value) { return scalar(value); }
+    bool number_unsigned(json::number_unsigned_t value) { return scalar(value); }
+    bool number_float(json::number_float_t value, const json::string_t&) { return scalar(value); }
+    bool string(json::string_t& value) { return scalar(std::move(value)); }
+    bool binary(json::binary_t&) { return scalar(nullptr); }
+    bool start_object(std::size_t) { return open(json::object()); }
+    bool start_array(std::size_t) { return open(json::array()); }
+    bool end_object() { return close(); }
+    bool end_array() { return close(); }
+    bool key(json::string_t& name) {
+        keeping_ = false;
+        if (depth_ == 1 && root.is_object()) {
+            for (const std::string_view kept : keys_) {
+                if (kept == name) {
+                    keeping_ = true;
+                    key_ = name;
+                    break;
+                }
+            }
+        }
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) {
+        message = error.what();
+        return false;
+    }
+
+    json root;
+    std::string message;
+    bool complete = false;
+
+  private:
+    bool scalar(json value) {
+        if (depth_ == 0) {
+            root = std::move(value);
+            complete = true;
+        } else if (depth_ == 1 && keeping_) {
+            root[key_] = std::move(value);
+        }
+        return true;
+    }
+    bool open(json container) {
+        if (depth_ == 0) {
+            root = std::move(container);
+        } else if (depth_ == 1 && keeping_) {
+            root[key_] = nullptr;
+        }
+        ++depth_;
+        return true;
+    }
+    bool close() {
+        if (--depth_ == 0) {
+            complete = true;
+        }
+        return true;
+    }
+
+    std::initializer_list<std::string_view> keys_;
+    int depth_ = 0;
+    bool keeping_ = false;
+    std::string key_;
+};
+
+// A linear pass over the bytes before the parser builds anything: refuses nesting deeper
+// than ToolBox::kMaxJsonDepth (brackets inside strings don't count) and NUL bytes, which are
+// never valid JSON but which the parser would take for the end of the text.
+bool preScan(const Bytes& data, std::string& error) {
+    int depth = 0;
+    bool inString = false;
+    bool escaped = false;
+    for (std::size_t i = 0; i < data.size(); ++i) {
+        const std::uint8_t c = data[i];
+        if (c == 0) {
+            error = "Unexpected NUL byte at offset " + std::to_string(i);
+            return false;
+        }
+        if (inString) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                inString = false;
+            }
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > ToolBox::kMaxJsonDepth) {
+                error = "JSON nested deeper than " + std::to_string(ToolBox::kMaxJsonDepth) +
+                        " levels at offset " + std::to_string(i);
+                return false;
+            }
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return true;
+}
+
 constexpr char kBase64Alphabet[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -69,6 +178,9 @@ int base64Value(char c) {
 }  // namespace
 
 std::optional<json> ToolBox::parseJson(const Bytes& data, std::string& error) {
+    if (!preScan(data, error)) {
+        return std::nullopt;
+    }
     json root;
     RecordingSax sax(root);
     const bool parsed = json::sax_parse(data.begin(), data.end(), &sax, json::input_format_t::json,
@@ -86,6 +198,28 @@ std::optional<json> ToolBox::parseJson(const Bytes& data, std::string& error) {
         return std::nullopt;
     }
     return root;
+}
+
+std::optional<json> ToolBox::parseJsonMembers(const Bytes& data,
+                                              std::initializer_list<std::string_view> keys,
+                                              std::string& error) {
+    if (!preScan(data, error)) {
+        return std::nullopt;
+    }
+    MemberSax sax(keys);
+    const bool parsed = json::sax_parse(data.begin(), data.end(), &sax, json::input_format_t::json,
+                                        /*strict=*/true, /*ignore_comments=*/false);
+    if (!parsed || !sax.complete) {
+        error = sax.message.empty()
+                    ? "The data couldn't be read because it isn't in the correct format."
+                    : sax.message;
+        return std::nullopt;
+    }
+    if (!sax.root.is_object() && !sax.root.is_array()) {
+        error = "JSON text did not start with array or object";
+        return std::nullopt;
+    }
+    return std::move(sax.root);
 }
 
 std::optional<Bytes> ToolBox::writeJson(const json& value, std::string& error) {

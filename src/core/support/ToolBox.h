@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,8 +24,15 @@ class ToolBox final {
     static constexpr std::string_view kTokenAlphabet =
         "abcdefghijklmnopqrstuvwxyz%@ABCDEFGHIJKLMNOPQRSTUVWXZY&$0123456789?";
 
-    // Parses JSON whose top level is an object or an array. Nothing for absent data; on a parse
-    // error prints "Serialization error: <text>" and gives nothing.
+    // How deep arrays and objects may nest in JSON we read. Our messages nest two levels; a
+    // deeper text is refused before anything is built, so that no frame costs more than a
+    // small multiple of its size (a megabyte of "[" would otherwise build a million arrays).
+    static constexpr int kMaxJsonDepth = 64;
+
+    // Parses JSON whose top level is an object or an array: the whole buffer must be that one
+    // value (white space around it is fine; any other byte after it, a NUL included, is an
+    // error), nested at most kMaxJsonDepth deep. Nothing for absent data; on a parse error
+    // prints "Serialization error: <text>" and gives nothing.
     static std::optional<nlohmann::json> fromJsonObject(const std::optional<Bytes>& data);
     // Compact JSON bytes. Nothing for an absent value; when the value can't be written (text
     // that is not UTF-8) prints "Serialization error: <text>" and gives nothing.
@@ -32,6 +40,12 @@ class ToolBox final {
 
     // The parse behind fromJsonObject, silent: nothing and the parser's text in error.
     static std::optional<nlohmann::json> parseJson(const Bytes& data, std::string& error);
+    // The same checks as parseJson, but of an object only the members named in keys are kept,
+    // and only with scalar values (a container there becomes null): a decoder that reads a few
+    // known members then pays for those, not for everything else the text holds. A top-level
+    // array gives an empty array.
+    static std::optional<nlohmann::json> parseJsonMembers(
+        const Bytes& data, std::initializer_list<std::string_view> keys, std::string& error);
     // The writer behind toJsonObject, silent: nothing and the writer's text in error.
     static std::optional<Bytes> writeJson(const nlohmann::json& value, std::string& error);
 
@@ -49,6 +63,8 @@ class ToolBox final {
     static std::vector<std::uint8_t> bytes(const Bytes& buffer);
     // String(bytes:): the bytes as UTF-8 text; "" when they are not valid UTF-8.
     static std::string stringFromBytes(const std::vector<std::uint8_t>& bytes);
+    // The one UTF-8 check of the code: shortest forms only, no surrogates, nothing past
+    // U+10FFFF.
     static bool isValidUtf8(std::string_view text);
 
     // Replaces the file at path with exactly text; true when every byte was written.

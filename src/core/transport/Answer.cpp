@@ -14,7 +14,8 @@ Answer Answer::refusal(AnswerMessage message, std::string token) {
 
 std::optional<Answer> Answer::fromJson(const Bytes& body) {
     std::string error;
-    const std::optional<nlohmann::json> parsed = ToolBox::parseJson(body, error);
+    const std::optional<nlohmann::json> parsed =
+        ToolBox::parseJsonMembers(body, {"code", "message", "token", "info", "data"}, error);
     if (!parsed || !parsed->is_object()) {
         return std::nullopt;
     }
