@@ -20,74 +20,6 @@ void printLine(const std::string& line) {
     std::fflush(stdout);
 }
 
-bool isValidUtf8(const unsigned char* bytes, int count) {
-    int i = 0;
-    while (i < count) {
-        unsigned char c = bytes[i];
-        int len;
-        std::uint32_t cp;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        } else if ((c & 0xE0) == 0xC0) {
-            len = 2;
-            cp = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            len = 3;
-            cp = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            len = 4;
-            cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + len > count) {
-            return false;
-        }
-        for (int k = 1; k < len; ++k) {
-            if ((bytes[i + k] & 0xC0) != 0x80) {
-                return false;
-            }
-            cp = (cp << 6) | (bytes[i + k] & 0x3F);
-        }
-        if ((len == 2 && cp < 0x80) || (len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000) ||
-            cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-            return false;
-        }
-        i += len;
-    }
-    return true;
-}
-
-DataValue columnValue(sqlite3_stmt* stmt, int column) {
-    switch (sqlite3_column_type(stmt, column)) {
-        case SQLITE_INTEGER:
-            return DataValue::integer(sqlite3_column_int64(stmt, column));
-        case SQLITE_FLOAT:
-            return DataValue::floating(sqlite3_column_double(stmt, column));
-        case SQLITE_TEXT: {
-            const auto* bytes =
-                static_cast<const unsigned char*>(sqlite3_column_blob(stmt, column));
-            const int count = sqlite3_column_bytes(stmt, column);
-            if (bytes == nullptr || count <= 0 || !isValidUtf8(bytes, count)) {
-                return DataValue::text(std::nullopt);
-            }
-            return DataValue::text(
-                utf(std::string_view(reinterpret_cast<const char*>(bytes), count)));
-        }
-        case SQLITE_BLOB: {
-            const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, column));
-            const int count = sqlite3_column_bytes(stmt, column);
-            if (bytes == nullptr || count <= 0) {
-                return DataValue::blob(std::nullopt);
-            }
-            return DataValue::blob(Bytes(bytes, bytes + count));
-        }
-        default:
-            return DataValue::null();
-    }
-}
-
 }  // namespace
 
 // Holds the connection's own mutex (serialized mode) across one operation: its calls, its
@@ -318,8 +250,7 @@ std::optional<std::string> SQLite::contentOfFileAt(const std::string& path) {
         error = errno != 0 ? errno : EIO;
     }
     // The script is UTF-8 text; bytes that are not are no script at all.
-    if (error == 0 && !isValidUtf8(reinterpret_cast<const unsigned char*>(content.data()),
-                                   static_cast<int>(content.size()))) {
+    if (error == 0 && !isValidUtf8(content)) {
         error = EILSEQ;
     }
     if (error != 0) {
@@ -417,21 +348,10 @@ std::optional<QueryResult> SQLite::runSelect(const std::string& query,
                 statement.bind(field);
             }
         }
-        sqlite3_stmt* stmt = statement.stmt();
-        const int columns = sqlite3_column_count(stmt);
-        if (columns > 0) {
-            std::vector<std::string> names;
-            names.reserve(columns);
-            for (int c = 0; c < columns; ++c) {
-                const char* name = sqlite3_column_name(stmt, c);
-                names.emplace_back(name ? name : "");
-            }
-            while (sqlite3_step(stmt) == SQLITE_ROW) {
-                RowData row;
-                for (int c = 0; c < columns; ++c) {
-                    row.set(SQLField{names[c], columnValue(stmt, c)});
-                }
-                result.array.push_back(std::move(row));
+        // A statement without result columns (an update, a delete) is never run here.
+        if (sqlite3_column_count(statement.stmt()) > 0) {
+            while (sqlite3_step(statement.stmt()) == SQLITE_ROW) {
+                result.array.push_back(statement.row());
             }
         }
         // The finalize call returns the error of the last step, if any: this operation's own.

@@ -9,6 +9,40 @@
 
 namespace pointlane {
 
+namespace {
+
+DataValue columnValue(sqlite3_stmt* stmt, int column) {
+    switch (sqlite3_column_type(stmt, column)) {
+        case SQLITE_INTEGER:
+            return DataValue::integer(sqlite3_column_int64(stmt, column));
+        case SQLITE_FLOAT:
+            return DataValue::floating(sqlite3_column_double(stmt, column));
+        case SQLITE_TEXT: {
+            const auto* bytes =
+                static_cast<const unsigned char*>(sqlite3_column_blob(stmt, column));
+            const int count = sqlite3_column_bytes(stmt, column);
+            if (bytes == nullptr || count <= 0 ||
+                !isValidUtf8(std::string_view(reinterpret_cast<const char*>(bytes), count))) {
+                return DataValue::text(std::nullopt);
+            }
+            return DataValue::text(
+                utf(std::string_view(reinterpret_cast<const char*>(bytes), count)));
+        }
+        case SQLITE_BLOB: {
+            const auto* bytes = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, column));
+            const int count = sqlite3_column_bytes(stmt, column);
+            if (bytes == nullptr || count <= 0) {
+                return DataValue::blob(std::nullopt);
+            }
+            return DataValue::blob(Bytes(bytes, bytes + count));
+        }
+        default:
+            return DataValue::null();
+    }
+}
+
+}  // namespace
+
 SQLiteStatement::~SQLiteStatement() {
     finalize();
 }
@@ -24,6 +58,19 @@ SQLiteStatement& SQLiteStatement::operator=(SQLiteStatement&& other) noexcept {
         stmt_ = std::exchange(other.stmt_, nullptr);
     }
     return *this;
+}
+
+RowData SQLiteStatement::row() const {
+    RowData row;
+    if (stmt_ == nullptr) {
+        return row;
+    }
+    const int columns = sqlite3_column_count(stmt_);
+    for (int c = 0; c < columns; ++c) {
+        const char* name = sqlite3_column_name(stmt_, c);
+        row.set(SQLField{name ? name : "", columnValue(stmt_, c)});
+    }
+    return row;
 }
 
 int SQLiteStatement::finalize() {

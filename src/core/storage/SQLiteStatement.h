@@ -35,6 +35,11 @@ class SQLiteStatement final {
     // The same at a known 1-based parameter index, for a statement whose text the caller built.
     void bind(int index, const SQLField& field);
 
+    // The columns of the row the last step stopped at, by column name (a later column replaces
+    // an earlier one of the same name). Text comes back in natural form; text that is empty or
+    // not UTF-8 has no value, an empty blob none either.
+    RowData row() const;
+
     // Finalizes now; the result is the finalize call's code (the last step's error, if any).
     int finalize();
 

@@ -22,6 +22,10 @@ std::string cleaned(std::string_view text);
 // Without white space at either end.
 std::string trimmed(std::string_view text);
 
+// True when the bytes are well-formed UTF-8 (no overlong forms, surrogates or values above
+// U+10FFFF).
+bool isValidUtf8(std::string_view bytes);
+
 // Space separators (Zs), U+2028, U+2029, U+0009..U+000D and U+0085.
 bool isWhiteSpace(char32_t codePoint);
 
