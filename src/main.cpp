@@ -5,9 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
+#include "app/ExportCommand.h"
 #include "app/QtMainQueue.h"
 #include "app/QuitSignals.h"
 #include "support/MainQueue.h"
@@ -20,10 +23,46 @@ bool hasDisplay() {
     return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
 }
 
+// `pointlane export [--format csv|json] [--game ID] [--output FILE]`; nothing when the
+// arguments are not understood.
+std::optional<pointlane::ExportOptions> exportOptions(int argc, char** argv) {
+    pointlane::ExportOptions options;
+    for (int i = 2; i < argc; ++i) {
+        const std::string option = argv[i];
+        if (i + 1 == argc) {
+            return std::nullopt;
+        }
+        const std::string value = argv[++i];
+        if (option == "--format" && (value == "csv" || value == "json")) {
+            options.format = value == "csv" ? pointlane::ExportOptions::Format::csv
+                                            : pointlane::ExportOptions::Format::json;
+        } else if (option == "--game" && !value.empty() &&
+                   value.find_first_not_of("0123456789") == std::string::npos &&
+                   value.size() < 19) {
+            options.gameId = std::stoll(value);
+        } else if (option == "--output" && !value.empty()) {
+            options.outputPath = value;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return options;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     using namespace pointlane;
+
+    if (argc > 1 && std::string(argv[1]) == "export") {
+        const auto options = exportOptions(argc, argv);
+        if (!options) {
+            std::fputs("Usage: pointlane export [--format csv|json] [--game ID] [--output FILE]\n",
+                       stderr);
+            return 2;
+        }
+        return exportHistory(*options);
+    }
 
     const CommandLineResult parsed = CommandLine::parse(argc, argv);
     if (!parsed.ok()) {
