@@ -35,17 +35,34 @@ std::string number(const std::optional<double>& value) {
     return error == std::errc() ? std::string(buffer, end) : std::string();
 }
 
-void appendRow(std::string& out, const GameHistory& game, const std::string& date,
-               const DealHistory* deal, const Election* election) {
-    appendField(out, game.game.name);
-    out += ',';
-    appendField(out, date);
-    out += ',';
-    appendField(out, game.game.admin);
-    out += ',';
-    if (deal != nullptr) {
-        appendField(out, deal->deal.name);
+// The columns a deal's rows share: its name first, its statistics last (from the comma before
+// them to the line end).
+struct DealColumns {
+    std::string name;
+    std::string statistics;
+};
+
+DealColumns dealColumns(const DealHistory* deal) {
+    DealColumns columns;
+    if (deal == nullptr) {
+        columns.statistics = ",,,,,,,\r\n";
+        return columns;
     }
+    appendField(columns.name, deal->deal.name);
+    const RoundStatistics& s = deal->statistics;
+    columns.statistics = "," + std::to_string(s.count) + "," + std::to_string(s.numericCount);
+    for (const auto& value : {s.average, s.median, s.minimum, s.maximum}) {
+        columns.statistics += ',';
+        columns.statistics += number(value);
+    }
+    columns.statistics += s.consensus ? ",true\r\n" : ",false\r\n";
+    return columns;
+}
+
+void appendRow(std::string& out, const std::string& game, const DealColumns& deal,
+               const Election* election) {
+    out += game;
+    out += deal.name;
     out += ',';
     if (election != nullptr) {
         appendField(out, election->playerName);
@@ -54,25 +71,58 @@ void appendRow(std::string& out, const GameHistory& game, const std::string& dat
     } else {
         out += ',';
     }
-    if (deal != nullptr) {
-        const RoundStatistics& s = deal->statistics;
-        out += ',';
-        out += std::to_string(s.count);
-        out += ',';
-        out += std::to_string(s.numericCount);
-        for (const auto& value : {s.average, s.median, s.minimum, s.maximum}) {
-            out += ',';
-            out += number(value);
-        }
-        out += s.consensus ? ",true" : ",false";
-    } else {
-        out += ",,,,,,,";
-    }
-    out += "\r\n";
+    out += deal.statistics;
 }
 
-nlohmann::ordered_json optionalNumber(const std::optional<double>& value) {
-    return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
+// A JSON string; the library does the escaping. The texts were checked as UTF-8 when read,
+// and replacing keeps dump() from ever throwing.
+void appendString(std::string& out, const std::string& text) {
+    out += nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+void appendNumber(std::string& out, const std::optional<double>& value) {
+    out += value ? number(value) : "null";
+}
+
+// Written as a stream rather than built as a document: the whole history at once would cost a
+// node per value.
+void appendDeal(std::string& out, const DealHistory& deal) {
+    out += "{\"id\":";
+    out += std::to_string(deal.deal.id);
+    out += ",\"name\":";
+    appendString(out, deal.deal.name);
+    out += ",\"elections\":[";
+    for (std::size_t i = 0; i < deal.elections.size(); ++i) {
+        const Election& election = deal.elections[i];
+        out += i == 0 ? "{\"id\":" : ",{\"id\":";
+        out += std::to_string(election.id);
+        out += ",\"player\":";
+        appendString(out, election.playerName);
+        out += ",\"card\":";
+        appendString(out, election.symbol);
+        out += '}';
+    }
+    const RoundStatistics& s = deal.statistics;
+    out += "],\"statistics\":{\"cards\":[";
+    for (std::size_t i = 0; i < s.cards.size(); ++i) {
+        if (i > 0) {
+            out += ',';
+        }
+        appendString(out, s.cards[i]);
+    }
+    out += "],\"count\":";
+    out += std::to_string(s.count);
+    out += ",\"numericCount\":";
+    out += std::to_string(s.numericCount);
+    out += ",\"average\":";
+    appendNumber(out, s.average);
+    out += ",\"median\":";
+    appendNumber(out, s.median);
+    out += ",\"minimum\":";
+    appendNumber(out, s.minimum);
+    out += ",\"maximum\":";
+    appendNumber(out, s.maximum);
+    out += s.consensus ? ",\"consensus\":true}}" : ",\"consensus\":false}}";
 }
 
 }  // namespace
@@ -82,16 +132,24 @@ std::string HistoryExport::csv(const History& history) {
         "game,date,administrator,deal,player,card,cards,numeric cards,average,median,minimum,"
         "maximum,consensus\r\n";
     for (const GameHistory& game : history.games) {
-        const std::string date = formatIso8601(game.game.date);
+        // The game's columns: name, date, administrator, each followed by its comma.
+        std::string columns;
+        appendField(columns, game.game.name);
+        columns += ',';
+        appendField(columns, formatIso8601(game.game.date));
+        columns += ',';
+        appendField(columns, game.game.admin);
+        columns += ',';
         if (game.deals.empty()) {
-            appendRow(out, game, date, nullptr, nullptr);
+            appendRow(out, columns, dealColumns(nullptr), nullptr);
         }
         for (const DealHistory& deal : game.deals) {
+            const DealColumns shared = dealColumns(&deal);
             if (deal.elections.empty()) {
-                appendRow(out, game, date, &deal, nullptr);
+                appendRow(out, columns, shared, nullptr);
             }
             for (const Election& election : deal.elections) {
-                appendRow(out, game, date, &deal, &election);
+                appendRow(out, columns, shared, &election);
             }
         }
     }
@@ -99,42 +157,32 @@ std::string HistoryExport::csv(const History& history) {
 }
 
 std::string HistoryExport::json(const History& history) {
-    nlohmann::ordered_json games = nlohmann::ordered_json::array();
-    for (const GameHistory& game : history.games) {
-        nlohmann::ordered_json deals = nlohmann::ordered_json::array();
-        for (const DealHistory& deal : game.deals) {
-            nlohmann::ordered_json elections = nlohmann::ordered_json::array();
-            for (const Election& election : deal.elections) {
-                elections.push_back({{"id", election.id},
-                                     {"player", election.playerName},
-                                     {"card", election.symbol}});
+    std::string out = "{\"games\":[";
+    for (std::size_t g = 0; g < history.games.size(); ++g) {
+        const GameHistory& game = history.games[g];
+        out += g == 0 ? "{\"id\":" : ",{\"id\":";
+        out += std::to_string(game.game.id);
+        out += ",\"name\":";
+        appendString(out, game.game.name);
+        out += ",\"date\":";
+        appendString(out, formatIso8601(game.game.date));
+        out += ",\"administrator\":";
+        appendString(out, game.game.admin);
+        out += ",\"statistics\":{\"deals\":";
+        out += std::to_string(game.statistics.deals);
+        out += ",\"consensusDeals\":";
+        out += std::to_string(game.statistics.consensusDeals);
+        out += "},\"deals\":[";
+        for (std::size_t d = 0; d < game.deals.size(); ++d) {
+            if (d > 0) {
+                out += ',';
             }
-            const RoundStatistics& s = deal.statistics;
-            deals.push_back({{"id", deal.deal.id},
-                             {"name", deal.deal.name},
-                             {"elections", std::move(elections)},
-                             {"statistics",
-                              {{"cards", s.cards},
-                               {"count", s.count},
-                               {"numericCount", s.numericCount},
-                               {"average", optionalNumber(s.average)},
-                               {"median", optionalNumber(s.median)},
-                               {"minimum", optionalNumber(s.minimum)},
-                               {"maximum", optionalNumber(s.maximum)},
-                               {"consensus", s.consensus}}}});
+            appendDeal(out, game.deals[d]);
         }
-        games.push_back({{"id", game.game.id},
-                         {"name", game.game.name},
-                         {"date", formatIso8601(game.game.date)},
-                         {"administrator", game.game.admin},
-                         {"statistics",
-                          {{"deals", game.statistics.deals},
-                           {"consensusDeals", game.statistics.consensusDeals}}},
-                         {"deals", std::move(deals)}});
+        out += "]}";
     }
-    // The texts were checked as UTF-8 when read; replacing keeps dump() from ever throwing.
-    return nlohmann::ordered_json{{"games", std::move(games)}}.dump(
-        -1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    out += "]}";
+    return out;
 }
 
 HistoryExport::Result HistoryExport::fromDatabase(const std::string& path, Format format,
