@@ -138,19 +138,20 @@ int main(int argc, char** argv) {
 
     std::size_t size = 0;
     std::printf("%-34s %10s %10s %12s\n", "", "wall", "cpu", "output");
-    auto line = [&](const char* what, Timing t) {
-        std::printf("%-34s %7.1f ms %7.1f ms %12zu bytes\n", what, t.wallMs, t.cpuMs, size);
+    auto line = [&](const char* what, Timing t, const char* unit = "bytes") {
+        std::printf("%-34s %7.1f ms %7.1f ms %12zu %s\n", what, t.wallMs, t.cpuMs, size, unit);
     };
     line("bare sqlite3 SELECT (baseline)", best(
                                                runs, [&] { return bareSelect(path); }, size));
-    line("read (records + statistics)", best(
-                                            runs,
-                                            [&] {
-                                                const auto read =
-                                                    HistoryReader::read(path, std::nullopt);
-                                                return read.ok() ? read.history->games.size() : 0;
-                                            },
-                                            size));
+    line("read (records + statistics)",
+         best(
+             runs,
+             [&] {
+                 const auto read = HistoryReader::read(path, std::nullopt);
+                 return read.ok() ? read.history->games.size() : 0;
+             },
+             size),
+         "games");
     for (const auto format : {HistoryExport::Format::csv, HistoryExport::Format::json}) {
         const bool csv = format == HistoryExport::Format::csv;
         line(csv ? "export CSV in process" : "export JSON in process",
