@@ -53,7 +53,7 @@ SQLite& SQLite::shared() {
     return *instance;
 }
 
-void SQLite::Closer::operator()(sqlite3* db) const {
+void SQLiteCloser::operator()(sqlite3* db) const {
     sqlite3_close_v2(db);
 }
 

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "storage/SQLiteHandle.h"
 #include "storage/SQLiteStatement.h"
 #include "storage/SQLiteStatusCode.h"
 #include "storage/Values.h"
@@ -105,9 +106,6 @@ class SQLite final {
     ~SQLite();
 
     class OperationLock;
-    struct Closer {
-        void operator()(sqlite3* db) const;
-    };
 
     bool createTables();
     std::optional<std::string> contentOfFileAt(const std::string& path);
@@ -132,7 +130,7 @@ class SQLite final {
     WorkQueue sqliteQueue_{"sqlite.manager"};
     // The owner of the connection. Set and cleared only by open(), create() and close(), which
     // run while no other thread uses the connection.
-    std::unique_ptr<sqlite3, Closer> connection_;
+    SQLiteHandle connection_;
     // The same handle for the other threads' operations; atomic so that a reader never sees a
     // torn value. Never closed through this view.
     std::atomic<sqlite3*> db_{nullptr};

@@ -39,6 +39,15 @@ SQLiteStatement SQLiteStatement::prepare(SQLite* database, sqlite3* db, const st
     return SQLiteStatement(database, stmt);
 }
 
+RowData SQLiteStatement::row() const {
+    RowData row;
+    const int columns = columnCount();
+    for (int c = 0; c < columns; ++c) {
+        row.set(SQLField{columnName(c), columnValue(c)});
+    }
+    return row;
+}
+
 int SQLiteStatement::finalize() {
     if (stmt_ == nullptr) {
         return SQLITE_OK;

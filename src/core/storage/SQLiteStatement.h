@@ -53,6 +53,9 @@ class SQLiteStatement final {
     // The current row's column: text read back in natural form, nothing for text that is not
     // UTF-8 or empty, a copy of a blob.
     DataValue columnValue(int column) const;
+    // The columns of the row the last step stopped at, by column name (a later column replaces
+    // an earlier one of the same name).
+    RowData row() const;
 
     // Finalizes now; the result is the finalize call's code (the last step's error, if any).
     int finalize();

@@ -82,6 +82,13 @@ std::string formatLocalDate(DateClock::time_point date) {
     return format(date, "%Y-%m-%d", false);
 }
 
+std::string formatIso8601(DateClock::time_point date) {
+    const std::string text = format(date, "%Y-%m-%dT%H:%M:%S%z", false);
+    // strftime writes the offset as +hhmm; the extended form has a colon.
+    const std::size_t minutes = text.size() >= 2 ? text.size() - 2 : 0;
+    return text.substr(0, minutes) + ":" + text.substr(minutes);
+}
+
 std::string formatUtcDescription(DateClock::time_point date) {
     return format(date, "%Y-%m-%d %H:%M:%S +0000", true);
 }

@@ -48,6 +48,8 @@ using DateClock = std::chrono::system_clock;
 std::string formatLocalDateTime(DateClock::time_point date);
 // "yyyy-MM-dd" in local time.
 std::string formatLocalDate(DateClock::time_point date);
+// ISO 8601 in local time with the zone's offset: "yyyy-MM-ddTHH:mm:ss+hh:mm".
+std::string formatIso8601(DateClock::time_point date);
 // "yyyy-MM-dd HH:mm:ss +0000": the moment in UTC.
 std::string formatUtcDescription(DateClock::time_point date);
 // Strictly "yyyy-MM-dd HH:mm:ss" (zero-padded, a space between date and time) in local time;

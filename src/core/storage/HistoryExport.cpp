@@ -1,0 +1,197 @@
+#include "storage/HistoryExport.h"
+
+#include <charconv>
+#include <nlohmann/json.hpp>
+
+#include "support/DateHelpers.h"
+
+namespace pointlane {
+
+namespace {
+
+// Appends one CSV field, quoted only when it has to be.
+void appendField(std::string& out, std::string_view field) {
+    if (field.find_first_of(",\"\r\n") == std::string_view::npos) {
+        out.append(field);
+        return;
+    }
+    out += '"';
+    for (const char c : field) {
+        if (c == '"') {
+            out += '"';
+        }
+        out += c;
+    }
+    out += '"';
+}
+
+// The shortest text that reads back as the same number, with a dot ("8", "10.5").
+std::string number(const std::optional<double>& value) {
+    if (!value) {
+        return {};
+    }
+    char buffer[32];
+    const auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, *value);
+    return error == std::errc() ? std::string(buffer, end) : std::string();
+}
+
+// The columns a deal's rows share: its name first, its statistics last (from the comma before
+// them to the line end).
+struct DealColumns {
+    std::string name;
+    std::string statistics;
+};
+
+DealColumns dealColumns(const DealHistory* deal) {
+    DealColumns columns;
+    if (deal == nullptr) {
+        columns.statistics = ",,,,,,,\r\n";
+        return columns;
+    }
+    appendField(columns.name, deal->deal.name);
+    const RoundStatistics& s = deal->statistics;
+    columns.statistics = "," + std::to_string(s.count) + "," + std::to_string(s.numericCount);
+    for (const auto& value : {s.average, s.median, s.minimum, s.maximum}) {
+        columns.statistics += ',';
+        columns.statistics += number(value);
+    }
+    columns.statistics += s.consensus ? ",true\r\n" : ",false\r\n";
+    return columns;
+}
+
+void appendRow(std::string& out, const std::string& game, const DealColumns& deal,
+               const Election* election) {
+    out += game;
+    out += deal.name;
+    out += ',';
+    if (election != nullptr) {
+        appendField(out, election->playerName);
+        out += ',';
+        appendField(out, election->symbol);
+    } else {
+        out += ',';
+    }
+    out += deal.statistics;
+}
+
+// A JSON string; the library does the escaping. The texts were checked as UTF-8 when read,
+// and replacing keeps dump() from ever throwing.
+void appendString(std::string& out, const std::string& text) {
+    out += nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+void appendNumber(std::string& out, const std::optional<double>& value) {
+    out += value ? number(value) : "null";
+}
+
+// Written as a stream rather than built as a document: the whole history at once would cost a
+// node per value.
+void appendDeal(std::string& out, const DealHistory& deal) {
+    out += "{\"id\":";
+    out += std::to_string(deal.deal.id);
+    out += ",\"name\":";
+    appendString(out, deal.deal.name);
+    out += ",\"elections\":[";
+    for (std::size_t i = 0; i < deal.elections.size(); ++i) {
+        const Election& election = deal.elections[i];
+        out += i == 0 ? "{\"id\":" : ",{\"id\":";
+        out += std::to_string(election.id);
+        out += ",\"player\":";
+        appendString(out, election.playerName);
+        out += ",\"card\":";
+        appendString(out, election.symbol);
+        out += '}';
+    }
+    const RoundStatistics& s = deal.statistics;
+    out += "],\"statistics\":{\"cards\":[";
+    for (std::size_t i = 0; i < s.cards.size(); ++i) {
+        if (i > 0) {
+            out += ',';
+        }
+        appendString(out, s.cards[i]);
+    }
+    out += "],\"count\":";
+    out += std::to_string(s.count);
+    out += ",\"numericCount\":";
+    out += std::to_string(s.numericCount);
+    out += ",\"average\":";
+    appendNumber(out, s.average);
+    out += ",\"median\":";
+    appendNumber(out, s.median);
+    out += ",\"minimum\":";
+    appendNumber(out, s.minimum);
+    out += ",\"maximum\":";
+    appendNumber(out, s.maximum);
+    out += s.consensus ? ",\"consensus\":true}}" : ",\"consensus\":false}}";
+}
+
+}  // namespace
+
+std::string HistoryExport::csv(const History& history) {
+    std::string out =
+        "game,date,administrator,deal,player,card,cards,numeric cards,average,median,minimum,"
+        "maximum,consensus\r\n";
+    for (const GameHistory& game : history.games) {
+        // The game's columns: name, date, administrator, each followed by its comma.
+        std::string columns;
+        appendField(columns, game.game.name);
+        columns += ',';
+        appendField(columns, formatIso8601(game.game.date));
+        columns += ',';
+        appendField(columns, game.game.admin);
+        columns += ',';
+        if (game.deals.empty()) {
+            appendRow(out, columns, dealColumns(nullptr), nullptr);
+        }
+        for (const DealHistory& deal : game.deals) {
+            const DealColumns shared = dealColumns(&deal);
+            if (deal.elections.empty()) {
+                appendRow(out, columns, shared, nullptr);
+            }
+            for (const Election& election : deal.elections) {
+                appendRow(out, columns, shared, &election);
+            }
+        }
+    }
+    return out;
+}
+
+std::string HistoryExport::json(const History& history) {
+    std::string out = "{\"games\":[";
+    for (std::size_t g = 0; g < history.games.size(); ++g) {
+        const GameHistory& game = history.games[g];
+        out += g == 0 ? "{\"id\":" : ",{\"id\":";
+        out += std::to_string(game.game.id);
+        out += ",\"name\":";
+        appendString(out, game.game.name);
+        out += ",\"date\":";
+        appendString(out, formatIso8601(game.game.date));
+        out += ",\"administrator\":";
+        appendString(out, game.game.admin);
+        out += ",\"statistics\":{\"deals\":";
+        out += std::to_string(game.statistics.deals);
+        out += ",\"consensusDeals\":";
+        out += std::to_string(game.statistics.consensusDeals);
+        out += "},\"deals\":[";
+        for (std::size_t d = 0; d < game.deals.size(); ++d) {
+            if (d > 0) {
+                out += ',';
+            }
+            appendDeal(out, game.deals[d]);
+        }
+        out += "]}";
+    }
+    out += "]}";
+    return out;
+}
+
+HistoryExport::Result HistoryExport::fromDatabase(const std::string& path, Format format,
+                                                  std::optional<std::int64_t> gameId) {
+    HistoryResult read = HistoryReader::read(path, gameId);
+    if (!read.ok()) {
+        return {std::nullopt, std::move(read.error)};
+    }
+    return {format == Format::csv ? csv(*read.history) : json(*read.history), {}};
+}
+
+}  // namespace pointlane
