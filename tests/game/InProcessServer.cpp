@@ -4,6 +4,7 @@
 
 #include "game/GameState.h"
 #include "game/PlayerStore.h"
+#include "game/RequestGate.h"
 #include "storage/SQLite.h"
 
 namespace pointlane::testkit {
@@ -16,6 +17,7 @@ std::shared_ptr<InProcessServer> InProcessServer::start() {
     PlayerStore::shared().reset();
     PokerThread::counterMutex.sync([] { PokerThread::counter = 0; });
     GameState::reset();
+    RequestGate::shared().reset();
     GameState::setProcessEnd([status = server->endStatus_](int code) { status->store(code); });
 
     server->server_ = Server::create(server->weak_from_this());
@@ -39,6 +41,7 @@ InProcessServer::~InProcessServer() {
     sqlm().drain();
     sqlm().close();
     GameState::reset();
+    RequestGate::shared().reset();
 }
 
 std::shared_ptr<ServerThread> InProcessServer::serverThread(std::shared_ptr<Socket> socket) {

@@ -13,6 +13,7 @@
 #include "app/ServiceAdvertiser.h"
 #include "game/GameState.h"
 #include "game/PokerThread.h"
+#include "game/RequestGate.h"
 #include "monitor/DataWindowController.h"
 #include "monitor/StatusItem.h"
 #include "storage/SQLite.h"
@@ -105,7 +106,13 @@ void AppDelegate::applicationDidFinishLaunching() {
         statusItem->show();
     }
     // The administrator's logout ends the process through the event loop, like a quit.
-    GameState::setProcessEnd(&AppDelegate::terminate);
+    // By then no request is handled any more; the listener stops before the loop ends.
+    GameState::setProcessEnd([weak = weak_from_this()](int status) {
+        if (auto self = weak.lock(); self && self->server) {
+            self->server->stop();
+        }
+        terminate(status);
+    });
 
     server = Server::create(weak_from_this());
     const int port = options_.port;
@@ -184,9 +191,14 @@ void AppDelegate::quitDidClicked() {
         return;
     }
     quitting_ = true;
-    // Record writes already handed to the database queue are finished before the database
-    // is closed, so nothing a client was told is stored gets lost; the close itself runs on
-    // that queue, never under a write that a request still in flight submitted.
+    // Nothing new comes in first: no connection is accepted and no request read from here on
+    // is handled; the requests in hand finish, so every record a client was told about is on
+    // the database queue. Then those writes are finished and the database is closed, on that
+    // queue, never under a write.
+    if (server) {
+        server->stop();
+    }
+    RequestGate::shared().close(RequestGate::kQuitWait);
     sqlm().closeAfterPendingWork();
     terminate(0);
 }

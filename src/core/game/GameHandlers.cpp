@@ -10,6 +10,7 @@
 #include "game/GameState.h"
 #include "game/Player.h"
 #include "game/PlayerStore.h"
+#include "game/RequestGate.h"
 #include "storage/Deal.h"
 #include "storage/Election.h"
 #include "storage/Game.h"
@@ -161,10 +162,12 @@ bool hasValidToken(const Request& request) {
     return request.token && PlayerStore::shared().contains(*request.token);
 }
 
-// Runs on the main queue a moment after the administrator's logout: every record write that
-// was submitted before is finished, then the database is closed and the process ends. The close
-// runs on the database queue, since requests still in flight may submit writes meanwhile.
+// Runs on the main queue a moment after the administrator's logout. No request is handled
+// from here on and those in hand finish first, so every record a client was told about is on
+// the database queue; then those writes are finished, the database is closed and the process
+// ends.
 void endGame() {
+    RequestGate::shared().close(RequestGate::kQuitWait);
     sqlm().closeAfterPendingWork();
     GameState::endProcess(0);
 }

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "game/RequestGate.h"
 #include "transport/Answer.h"
 #include "transport/Frame.h"
 
@@ -41,19 +42,33 @@ void PokerThread::run() {
         if (!body) {
             return;
         }
-        const std::optional<Request> request = Request::fromJson(*body);
-        if (!request) {
-            // The connection stays usable: a client can follow a bad frame with a good one.
-            if (const std::optional<Bytes> answer =
-                    Answer::refusal(AnswerMessage::unknownRequest, "").json()) {
-                sendFrame(*socket, *answer);
-            }
-            continue;
+        // Once the run is ending, a request read now is neither handled nor answered.
+        RequestGate& gate = RequestGate::shared();
+        if (!gate.enter(socket)) {
+            return;
         }
-        const auto entry = call.find(request->request);
-        if (entry != call.end() && entry->second) {
-            entry->second(*request, socket);
+        const struct Leave {
+            RequestGate& gate;
+            const std::shared_ptr<Socket>& socket;
+            ~Leave() { gate.leave(socket); }
+        } leave{gate, socket};
+        dispatch(*body);
+    }
+}
+
+void PokerThread::dispatch(const Bytes& body) {
+    const std::optional<Request> request = Request::fromJson(body);
+    if (!request) {
+        // The connection stays usable: a client can follow a bad frame with a good one.
+        if (const std::optional<Bytes> answer =
+                Answer::refusal(AnswerMessage::unknownRequest, "").json()) {
+            sendFrame(*socket, *answer);
         }
+        return;
+    }
+    const auto entry = call.find(request->request);
+    if (entry != call.end() && entry->second) {
+        entry->second(*request, socket);
     }
 }
 

@@ -49,6 +49,11 @@ class PokerThread final : public ServerThread {
     // The dispatch table: seven entries; playerAdded and playerRemoved have none.
     std::map<RequestCode, Handler> call;
 
+  private:
+    // Decodes one request body and calls its handler (or answers "unknownRequest").
+    void dispatch(const Bytes& body);
+
+  public:
     // Logins currently admitted by the login limit; guarded by counterMutex.
     static int counter;
     static constexpr int counterLimit = 5;
