@@ -76,17 +76,17 @@ void expectEveryAnsweredRecordStored(const std::string& db, Answered& answered) 
     const auto games = column(db, "SELECT name FROM Game", [](auto& r) { return r["name"]; });
     std::size_t lost = 0;
     std::string examples;
-    for (const auto& [ok, stored] : {std::pair{&answered.deals, &deals},
-                                     std::pair{&answered.elections, &elections},
-                                     std::pair{&answered.games, &games}}) {
+    for (const auto& [ok, stored] :
+         {std::pair{&answered.deals, &deals}, std::pair{&answered.elections, &elections},
+          std::pair{&answered.games, &games}}) {
         for (const auto& key : *ok) {
             if (!stored->count(key) && ++lost <= 3) {
                 examples += " " + key;
             }
         }
     }
-    EXPECT_EQ(lost, 0u) << "of " << answered.deals.size() + answered.elections.size() +
-                                        answered.games.size()
+    EXPECT_EQ(lost, 0u) << "of "
+                        << answered.deals.size() + answered.elections.size() + answered.games.size()
                         << " records answered OK, e.g." << examples;
 }
 
@@ -215,6 +215,72 @@ TEST_F(LifecycleEndToEndTest, AdministratorsLogoutEndsTheRunWithEveryAnsweredRec
     }
     ASSERT_EQ(status, std::optional<int>(0)) << server->output();
     expectEveryAnsweredRecordStored(databasePath(), answered);
+}
+
+void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message) {
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->code, -1);
+    EXPECT_EQ(answer->message, message) << toString(answer->message);
+    EXPECT_EQ(answer->token, "");
+    EXPECT_FALSE(answer->info);
+    EXPECT_FALSE(answer->data);
+}
+
+int dealsReceived(const ClientServer& clientServer) {
+    int deals = 0;
+    for (const auto& n : clientServer.notifications()) {
+        deals += n.request == RequestCode::initNewDeal ? 1 : 0;
+    }
+    return deals;
+}
+
+TEST_F(LifecycleEndToEndTest, LoginsWhoseClientServerIsTheServerItselfAreRefused) {
+    // The first run ends with the administrator's logout, the second with SIGTERM.
+    for (const bool byLogout : {true, false}) {
+        SCOPED_TRACE(byLogout ? "logout" : "SIGTERM");
+        const int own = server->port();
+        // However the client reaches the server, the connection back would reach the listener.
+        auto viaLoopback = PokerClient::connect(own, "127.0.0.1", 5.0);
+        auto viaOtherLoopback = PokerClient::connect(own, "127.0.0.2", 5.0);
+        auto viaAny = PokerClient::connect(own, "0.0.0.0", 5.0);
+        ASSERT_TRUE(viaLoopback && viaOtherLoopback && viaAny);
+        expectRefusal(viaLoopback->loginAdmin("Loop", "G", own),
+                      AnswerMessage::cantConnectToClientServer);
+        Client boss = connect(own);
+        ASSERT_TRUE(isOk(boss.client->loginAdmin("Boss", "G", boss.clientServer->port())));
+        expectRefusal(viaOtherLoopback->loginPlayer("Loop", own),
+                      AnswerMessage::cantConnectToClientServer);
+        expectRefusal(viaAny->loginPlayer("Loop", own), AnswerMessage::cantConnectToClientServer);
+        // Each refusal kept its count: with the administrator and one player in, all five are
+        // taken.
+        Client bea = connect(own);
+        ASSERT_TRUE(isOk(bea.client->loginPlayer("Bea", bea.clientServer->port())));
+        expectRefusal(viaLoopback->loginPlayer("Cy", bea.clientServer->port()),
+                      AnswerMessage::limitExceeded);
+
+        ASSERT_TRUE(isOk(boss.client->initNewDeal("Only deal")));
+        ASSERT_TRUE(isOk(bea.client->play()));
+        for (const Client* c : {&boss, &bea}) {
+            ASSERT_TRUE(c->clientServer->waitFor([](const std::vector<Request>& received) {
+                return !received.empty() && received.back().request == RequestCode::play;
+            }));
+            EXPECT_EQ(dealsReceived(*c->clientServer), 1);
+        }
+        if (byLogout) {
+            ASSERT_TRUE(isOk(boss.client->logout()));
+        } else {
+            server->signal(SIGTERM);
+        }
+        ASSERT_EQ(server->waitForExit(std::chrono::seconds(10)), std::optional<int>(0));
+        EXPECT_EQ(dealsReceived(*bea.clientServer), 1);
+        auto deals = storedRows(databasePath(), "SELECT name FROM Deal");
+        ASSERT_TRUE(deals);
+        EXPECT_EQ(deals->size(), byLogout ? 1u : 2u);
+        if (byLogout) {
+            server = ServerProcess::start(home.path().string());
+            ASSERT_TRUE(server);
+        }
+    }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "game/Player.h"
 #include "game/PlayerStore.h"
 #include "game/RequestGate.h"
+#include "game/SelfConnectionGuard.h"
 #include "storage/Deal.h"
 #include "storage/Election.h"
 #include "storage/Game.h"
@@ -145,6 +146,12 @@ std::shared_ptr<Player> connectBack(const std::shared_ptr<Socket>& socket, const
     }
     auto player = std::make_shared<Player>(data.playerName, isAdmin, std::move(clientSocket));
     if (!player->connectBack(*peer, data.clientServerPort)) {
+        return nullptr;
+    }
+    SelfConnectionGuard::filePush(player->clientSocket);
+    // A client server "port" that is our own game port would feed every notification back to
+    // us as a request: that connection back can't be made, as far as the game is concerned.
+    if (SelfConnectionGuard::reachesOwnListener(*player->clientSocket, *socket)) {
         return nullptr;
     }
     address = *peer;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "game/RequestGate.h"
+#include "game/SelfConnectionGuard.h"
 #include "transport/Answer.h"
 #include "transport/Frame.h"
 
@@ -37,9 +38,16 @@ void PokerThread::run() {
     const auto finished = [this] {
         return !socket || socket->socketFileDescriptor() == -1 || shouldClose;
     };
+    bool first = true;
     while (!finished()) {
         const std::optional<Bytes> body = receiveFrame(*socket);
         if (!body) {
+            return;
+        }
+        // A connection from one of our own push connections would carry our notifications
+        // back in as requests. Its first frame can only be a notification, sent after the
+        // push connection was filed, so checking then can't miss it.
+        if (std::exchange(first, false) && SelfConnectionGuard::isOwnPush(*socket)) {
             return;
         }
         // Once the run is ending, a request read now is neither handled nor answered.

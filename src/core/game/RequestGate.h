@@ -49,8 +49,8 @@ class RequestGate final {
   private:
     mutable std::mutex mutex_;
     std::condition_variable left_;
-    bool closed_ = false;                          // guarded by mutex_
-    std::set<std::shared_ptr<Socket>> inFlight_;   // guarded by mutex_
+    bool closed_ = false;                         // guarded by mutex_
+    std::set<std::shared_ptr<Socket>> inFlight_;  // guarded by mutex_
 };
 
 }  // namespace pointlane
