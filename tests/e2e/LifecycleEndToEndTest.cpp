@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -281,6 +282,60 @@ TEST_F(LifecycleEndToEndTest, LoginsWhoseClientServerIsTheServerItselfAreRefused
             ASSERT_TRUE(server);
         }
     }
+}
+
+TEST_F(LifecycleEndToEndTest, SecondServerOnTheSameFolderStopsAndChangesNothing) {
+    Client boss = connect(server->port());
+    ASSERT_TRUE(isOk(boss.client->loginAdmin("Boss", "G", boss.clientServer->port())));
+    Client bea = connect(server->port());
+    ASSERT_TRUE(isOk(bea.client->loginPlayer("Bea", bea.clientServer->port())));
+    const auto known = [&] {
+        auto rows = storedRows(databasePath(), "SELECT name FROM PlayerInfo");
+        return rows ? rows->size() : 0u;
+    };
+    ASSERT_TRUE(testkit::waitUntil([&] { return known() == 2; }));
+
+    std::string output;
+    const auto status = ServerProcess::runToExit(
+        home.path().string(), {"--headless", "--port", "0"}, &output, std::chrono::seconds(10));
+    ASSERT_EQ(status, std::optional<int>(1)) << output;
+    EXPECT_NE(output.find("Another Pointlane (process " + std::to_string(server->pid()) + ")"),
+              std::string::npos)
+        << output;
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 1) << output;
+    EXPECT_EQ(testkit::fileText(home.file("run.err")), "");  // not even the database was opened
+
+    // The first server goes on as if nothing happened, and still owns its records.
+    EXPECT_EQ(known(), 2u);
+    ASSERT_TRUE(isOk(bea.client->initNewDeal("After the intruder")));
+    ASSERT_TRUE(isOk(boss.client->logout()));
+    ASSERT_EQ(server->waitForExit(std::chrono::seconds(10)), std::optional<int>(0));
+    auto deals = storedRows(databasePath(), "SELECT name FROM Deal");
+    ASSERT_TRUE(deals);
+    EXPECT_EQ(deals->size(), 1u);
+    // Once it has ended, the folder is free again.
+    server = ServerProcess::start(home.path().string());
+    ASSERT_TRUE(server);
+}
+
+TEST(StartUpTest, PortThatCantBeBoundEndsTheHeadlessRunWithStatusOne) {
+    TempDir home;
+    auto holder = ClientServer::start();  // listens on the port the server is asked for
+    ASSERT_TRUE(holder);
+    std::string output;
+    const auto status = ServerProcess::runToExit(
+        home.path().string(), {"--headless", "--port", std::to_string(holder->port())}, &output,
+        std::chrono::seconds(10));
+    ASSERT_EQ(status, std::optional<int>(1)) << output;
+    const auto bind = output.find("Can't bind server socket to port\n");
+    ASSERT_NE(bind, std::string::npos) << output;
+    EXPECT_NE(output.find("Pointlane can't listen on port " + std::to_string(holder->port()), bind),
+              std::string::npos)
+        << output;
+    // Nothing was advertised: publishing was never tried.
+    const std::string diagnostics = testkit::fileText(home.file("run.err"));
+    EXPECT_EQ(diagnostics.find("Listening on port"), std::string::npos) << diagnostics;
+    EXPECT_EQ((output + diagnostics).find("DNS-SD"), std::string::npos) << output << diagnostics;
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "app/DataFolderLock.h"
 #include "app/ServiceAdvertiser.h"
 #include "game/GameState.h"
 #include "game/PokerThread.h"
@@ -53,6 +54,12 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
     std::filesystem::create_directories(directory, error);
     if (error) {
         fatalError(error.message());
+    }
+    // One server per data folder, from before the database is touched until the process ends.
+    std::string refusal;
+    folderLock_ = DataFolderLock::acquire((directory / "Pointlane.lock").string(), refusal);
+    if (!folderLock_) {
+        fatalError(refusal);
     }
     databasePath_ = (directory / "Pointlane.sqlite").string();
     if (!options_.headless) {
@@ -129,16 +136,37 @@ void AppDelegate::applicationDidFinishLaunching() {
            std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    if (servedPort() != 0) {
-        pointlane::tr().info(kSubject, "Listening on port " + std::to_string(servedPort()),
-                             "applicationDidFinishLaunching()", __LINE__);
+    if (servedPort() == 0) {
+        cantServe();
+        return;
     }
+    pointlane::tr().info(kSubject, "Listening on port " + std::to_string(servedPort()),
+                         "applicationDidFinishLaunching()", __LINE__);
 
     startBonjoure();
 
     if (statusItem && options_.monitor) {
         statusDidCliecked();
     }
+}
+
+void AppDelegate::cantServe() {
+    // A server without its listener would sit there advertising a game nobody can join.
+    const std::string line = "Pointlane can't listen on port " + std::to_string(options_.port) +
+                             " (in use, or not allowed); it stops.";
+    std::fputs((line + "\n").c_str(), stdout);
+    std::fflush(stdout);
+    quitting_ = true;
+    sqlm().closeAfterPendingWork();
+    if (statusItem && statusItem->trayIcon().isVisible()) {
+        // Long enough to be read before the item goes.
+        statusItem->trayIcon().showMessage(QString::fromLatin1(kServiceName),
+                                           QString::fromStdString(line),
+                                           QSystemTrayIcon::Critical);
+        after(kCantServeMessageSeconds, [] { terminate(1); });
+        return;
+    }
+    after(0, [] { terminate(1); });
 }
 
 int AppDelegate::servedPort() const {

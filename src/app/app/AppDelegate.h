@@ -13,6 +13,7 @@
 
 namespace pointlane {
 
+class DataFolderLock;
 class DataWindowController;
 class ServiceAdvertiser;
 class StatusItem;
@@ -44,6 +45,8 @@ class AppDelegate final : public QObject,
     static constexpr const char* kServiceType = "_pointlane._tcp";
     static constexpr const char* kServiceName = "Pointlane";
     static constexpr const char* kTooltip = "Pointlane Base";
+    // How long the tray shows why the server stops before it does.
+    static constexpr double kCantServeMessageSeconds = 5.0;
 
     struct Options {
         int port = kDefaultPort;  // 0: any free port
@@ -96,10 +99,14 @@ class AppDelegate final : public QObject,
     void openDatabase();
     void createDatabase();
     void startBonjoure();
+    // The listener couldn't start: says so (on standard output, and in the tray when there is
+    // one), closes the database and ends the event loop with status 1; nothing is advertised.
+    void cantServe();
     // Ends the event loop with status; main() then withdraws the advertisement and exits.
     static void terminate(int status);
 
     Options options_;
+    std::unique_ptr<DataFolderLock> folderLock_;
     std::string databasePath_;
     std::shared_ptr<Server> server;
     std::unique_ptr<ServiceAdvertiser> bonjoureService;
