@@ -13,6 +13,7 @@ std::shared_ptr<InProcessServer> InProcessServer::start() {
     auto server = std::shared_ptr<InProcessServer>(new InProcessServer());
     sqlm().drain();
     sqlm().close();
+    sqlm().setSchemaPath(POINTLANE_SOURCE_DIR "/resources/Schema.sql");
     EXPECT_TRUE(sqlm().create(server->folder_.file("Pointlane.sqlite")));
     PlayerStore::shared().reset();
     PokerThread::counterMutex.sync([] { PokerThread::counter = 0; });

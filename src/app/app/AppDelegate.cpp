@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "app/DataFolderLock.h"
+#include "app/SchemaLocation.h"
 #include "app/ServiceAdvertiser.h"
 #include "game/GameState.h"
 #include "game/PokerThread.h"
@@ -100,6 +101,7 @@ void AppDelegate::openDatabase() {
 }
 
 void AppDelegate::createDatabase() {
+    sqlm().setSchemaPath(SchemaLocation::find());
     if (!sqlm().create(databasePath_, [](SQLite&) { return true; })) {
         fatalError("Can't create the database.");
     }
