@@ -47,6 +47,8 @@ std::string schemaText() {
 class QueueSide {
   public:
     explicit QueueSide(const std::string& path) {
+        sqlm().setSchemaPath(
+            (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "Schema.sql").string());
         if (!sqlm().create(path)) {
             std::fprintf(stderr, "can't create %s\n", path.c_str());
             std::exit(1);

@@ -20,6 +20,7 @@ TEST(HistoryProviderTest, ServesTheExportsOfTheFileAndNothingWhenThereIsNone) {
     testkit::TempDir dir;
     const std::string path = dir.file("Pointlane.sqlite");
     sqlm().close();
+    sqlm().setSchemaPath(POINTLANE_SOURCE_DIR "/resources/Schema.sql");
     ASSERT_TRUE(sqlm().create(path));
     auto game = Game::make("\u0141\u00F3d\u017A", "Ala");
     ASSERT_TRUE(game && game->save());
@@ -56,6 +57,7 @@ TEST(HistoryProviderTest, ServesTheExportsOfTheFileAndNothingWhenThereIsNone) {
         }
     }
     sqlm().close();
+    sqlm().resetSchemaPath();
 
     const HistorySource missing = historySourceFor(dir.file("missing.sqlite"));
     EXPECT_EQ(missing.json(std::nullopt), std::nullopt);

@@ -5,6 +5,7 @@
 #include "game/GameHandlers.h"
 #include "game/GameState.h"
 #include "game/PlayerStore.h"
+#include "game/RequestGate.h"
 #include "storage/SQLite.h"
 
 namespace pointlane::testkit {
@@ -13,10 +14,12 @@ std::shared_ptr<InProcessServer> InProcessServer::start() {
     auto server = std::shared_ptr<InProcessServer>(new InProcessServer());
     sqlm().drain();
     sqlm().close();
+    sqlm().setSchemaPath(POINTLANE_SOURCE_DIR "/resources/Schema.sql");
     EXPECT_TRUE(sqlm().create(server->folder_.file("Pointlane.sqlite")));
     PlayerStore::shared().reset();
     PokerThread::counter.reset();
     GameState::reset();
+    RequestGate::shared().reset();
     GameState::setProcessEnd([status = server->endStatus_](int code) { status->store(code); });
 
     server->server_ = Server::create(server->weak_from_this());
@@ -40,6 +43,7 @@ InProcessServer::~InProcessServer() {
     sqlm().drain();
     sqlm().close();
     GameState::reset();
+    RequestGate::shared().reset();
 }
 
 std::shared_ptr<ServerThread> InProcessServer::serverThread(std::shared_ptr<Socket> socket) {

@@ -108,6 +108,7 @@ TEST_F(AppDelegateMonitorTest, LaunchShowsTheTrayItemBeforeTheListenerStarts) {
     AppDelegate::Options options;
     options.headless = false;
     options.port = ntohs(address.sin_port);
+    delegate.reset();  // one server per data folder: the first lets go of it
     delegate = AppDelegate::create(options);
 
     testing::internal::CaptureStdout();

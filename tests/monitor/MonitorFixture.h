@@ -17,6 +17,7 @@ namespace pointlane::testkit {
 class MonitorFixture : public ::testing::Test {
   protected:
     void SetUp() override {
+        sqlm().setSchemaPath(POINTLANE_SOURCE_DIR "/resources/Schema.sql");
         ASSERT_TRUE(sqlm().create(dir.file("Pointlane.sqlite")));
         ASSERT_NE(queue(), nullptr);
     }

@@ -43,16 +43,6 @@ void writeFile(const std::string& path, const std::string& content) {
     out << content;
 }
 
-constexpr const char* kLookupDb = "POINTLANE_SCHEMA_LOOKUP_DB";
-// In a copy of this program started by a test below: create a database with the default lookup
-// of the schema script, before gtest starts.
-[[maybe_unused]] const bool schemaLookupChild = [] {
-    if (const char* db = std::getenv(kLookupDb)) {
-        _exit(sqlm().create(db) ? 0 : 1);
-    }
-    return false;
-}();
-
 class SQLiteTest : public testing::StorageFixture {};
 
 TEST_F(SQLiteTest, CreatedFromTheSchemaThenOpenedOnTheNextStartAndRefusedWhileOpen) {
@@ -172,30 +162,6 @@ TEST_F(SQLiteTest, MissingSchemaGivesAnEmptyDatabaseAndAFailingInitializerCloses
         EXPECT_EQ(scalar("SELECT count(*) FROM sqlite_master"), 0);
         sqlm().close();
     }
-}
-
-TEST_F(SQLiteTest, AnInstalledTreeMovedElsewhereStillFindsItsSchema) {
-    // prefix/bin/<this program> and prefix/share/pointlane/Schema.sql, nowhere near where the
-    // build would have installed them.
-    const std::filesystem::path prefix =
-        std::filesystem::path(POINTLANE_BINARY_DIR) / ("relocated-" + std::to_string(getpid()));
-    std::filesystem::create_directories(prefix / "bin");
-    std::filesystem::create_directories(prefix / "share" / "pointlane");
-    writeFile((prefix / "share" / "pointlane" / "Schema.sql").string(), "CREATE TABLE Moved (x);");
-    const auto self = std::filesystem::read_symlink("/proc/self/exe");
-    const auto program = prefix / "bin" / "storage_tests";
-    std::error_code linked;
-    std::filesystem::create_hard_link(self, program, linked);
-    if (linked) {
-        std::filesystem::copy_file(self, program);
-    }
-    const std::string db = dir_.file("moved.sqlite");
-    const int status =
-        std::system((std::string(kLookupDb) + "='" + db + "' '" + program.string() + "'").c_str());
-    std::filesystem::remove_all(prefix);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(rawTexts(db, "SELECT name FROM sqlite_master WHERE type='table'"),
-              std::vector<std::string>{"Moved"});
 }
 
 TEST_F(SQLiteTest, SelectNeverRunsStatementsWithoutColumns) {

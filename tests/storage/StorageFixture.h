@@ -13,13 +13,13 @@
 namespace pointlane::testing {
 
 // Every test gets a fresh database file in its own folder: the shared connection is closed
-// and re-created there from the schema script next to the test program.
+// and re-created there from the project's schema script.
 class StorageFixture : public ::testing::Test {
   protected:
     void SetUp() override {
         sqlm().drain();
         sqlm().close();
-        sqlm().resetSchemaPath();
+        sqlm().setSchemaPath(POINTLANE_SOURCE_DIR "/resources/Schema.sql");
         path_ = dir_.file("Pointlane.sqlite");
         ASSERT_TRUE(sqlm().create(path_));
     }

@@ -10,10 +10,13 @@
 #include <system_error>
 #include <thread>
 
+#include "app/DataFolderLock.h"
+#include "app/SchemaLocation.h"
 #include "app/ServiceAdvertiser.h"
 #include "game/GameState.h"
 #include "game/GameHandlers.h"
 #include "game/PokerThread.h"
+#include "game/RequestGate.h"
 #include "monitor/DataWindowController.h"
 #include "monitor/StatusItem.h"
 #include "storage/SQLite.h"
@@ -54,6 +57,12 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
     if (error) {
         fatalError(error.message());
     }
+    // One server per data folder, from before the database is touched until the process ends.
+    std::string refusal;
+    folderLock_ = DataFolderLock::acquire((directory / "Pointlane.lock").string(), refusal);
+    if (!folderLock_) {
+        fatalError(refusal);
+    }
     databasePath_ = (directory / "Pointlane.sqlite").string();
     if (!options_.headless) {
         // The menu's actions reach the delegate only while it exists.
@@ -93,6 +102,7 @@ void AppDelegate::openDatabase() {
 }
 
 void AppDelegate::createDatabase() {
+    sqlm().setSchemaPath(SchemaLocation::find());
     if (!sqlm().create(databasePath_, [](SQLite&) { return true; })) {
         fatalError("Can't create the database.");
     }
@@ -106,7 +116,13 @@ void AppDelegate::applicationDidFinishLaunching() {
         statusItem->show();
     }
     // The administrator's logout ends the process through the event loop, like a quit.
-    GameState::setProcessEnd(&AppDelegate::terminate);
+    // By then no request is handled any more; the listener stops before the loop ends.
+    GameState::setProcessEnd([weak = weak_from_this()](int status) {
+        if (auto self = weak.lock(); self && self->server) {
+            self->server->stop();
+        }
+        terminate(status);
+    });
 
     server = Server::create(weak_from_this());
     const int port = options_.port;
@@ -123,16 +139,37 @@ void AppDelegate::applicationDidFinishLaunching() {
            std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    if (servedPort() != 0) {
-        pointlane::tr().info(kSubject, "Listening on port " + std::to_string(servedPort()),
-                             "applicationDidFinishLaunching()", __LINE__);
+    if (servedPort() == 0) {
+        cantServe();
+        return;
     }
+    pointlane::tr().info(kSubject, "Listening on port " + std::to_string(servedPort()),
+                         "applicationDidFinishLaunching()", __LINE__);
 
     startBonjoure();
 
     if (statusItem && options_.monitor) {
         statusDidCliecked();
     }
+}
+
+void AppDelegate::cantServe() {
+    // A server without its listener would sit there advertising a game nobody can join.
+    const std::string line = "Pointlane can't listen on port " + std::to_string(options_.port) +
+                             " (in use, or not allowed); it stops.";
+    std::fputs((line + "\n").c_str(), stdout);
+    std::fflush(stdout);
+    quitting_ = true;
+    sqlm().closeAfterPendingWork();
+    if (statusItem && statusItem->trayIcon().isVisible()) {
+        // Long enough to be read before the item goes.
+        statusItem->trayIcon().showMessage(QString::fromLatin1(kServiceName),
+                                           QString::fromStdString(line),
+                                           QSystemTrayIcon::Critical);
+        after(kCantServeMessageSeconds, [] { terminate(1); });
+        return;
+    }
+    after(0, [] { terminate(1); });
 }
 
 int AppDelegate::servedPort() const {
@@ -185,9 +222,14 @@ void AppDelegate::quitDidClicked() {
         return;
     }
     quitting_ = true;
-    // Record writes already handed to the database queue are finished before the database
-    // is closed, so nothing a client was told is stored gets lost; the close itself runs on
-    // that queue, never under a write that a request still in flight submitted.
+    // Nothing new comes in first: no connection is accepted and no request read from here on
+    // is handled; the requests in hand finish, so every record a client was told about is on
+    // the database queue. Then those writes are finished and the database is closed, on that
+    // queue, never under a write.
+    if (server) {
+        server->stop();
+    }
+    RequestGate::shared().close(RequestGate::kQuitWait);
     sqlm().closeAfterPendingWork();
     terminate(0);
 }

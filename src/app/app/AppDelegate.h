@@ -13,6 +13,7 @@
 
 namespace pointlane {
 
+class DataFolderLock;
 class DataWindowController;
 class ServiceAdvertiser;
 class StatusItem;
@@ -24,11 +25,13 @@ class StatusItem;
 // completes and its icon and menu ("Show monitor" -> statusDidCliecked(), "Quit Pointlane" ->
 // quitDidClicked()) when launch has completed; --monitor then opens the window at once.
 //
-// Start: create() (database folder and path), applicationWillFinishLaunching() (database
-// opened or created, known players emptied), applicationDidFinishLaunching() (tray icon and
-// menu, listener thread, advertisement, in that order). Stop: quitDidClicked() or the
-// administrator's logout end the event loop; applicationWillTerminate() then withdraws the
-// advertisement.
+// Start: create() (database folder, its lock, database path), applicationWillFinishLaunching()
+// (database opened or created, known players emptied), applicationDidFinishLaunching() (tray
+// icon and menu, listener thread, advertisement, in that order; a listener that can't start
+// ends the run with status 1 instead). Stop: quitDidClicked() or the administrator's logout
+// stop taking connections and requests, let those in hand finish, store the pending records,
+// close the database and end the event loop; applicationWillTerminate() then withdraws the
+// advertisement. The folder's lock goes with the process.
 //
 // Threading: main thread only, except serverThread(), which the listener thread calls and
 // which touches nothing but the new connection object.
@@ -43,6 +46,8 @@ class AppDelegate final : public QObject,
     static constexpr const char* kServiceDomain = "local.";
     static constexpr const char* kServiceType = "_pointlane._tcp";
     static constexpr const char* kServiceName = "Pointlane";
+    // How long the tray shows why the server stops before it does.
+    static constexpr double kCantServeMessageSeconds = 5.0;
 
     struct Options {
         int port = kDefaultPort;  // 0: any free port
@@ -50,8 +55,9 @@ class AppDelegate final : public QObject,
         bool monitor = false;     // open the monitor window at start (desktop mode)
     };
 
-    // Makes the database folder ($HOME/.Pointlane) and fixes the database path; a folder that
-    // can't be made stops the process.
+    // Makes the database folder ($HOME/.Pointlane), locks it and fixes the database path; a
+    // folder that can't be made or locked (another server uses it) stops the process with
+    // status 1 and one line saying why.
     static std::shared_ptr<AppDelegate> create(Options options);
     ~AppDelegate() override;
 
@@ -77,8 +83,9 @@ class AppDelegate final : public QObject,
     // nothing happens; otherwise a new window is built, centred, brought to the front, and
     // "status" is written on standard output.
     void statusDidCliecked();
-    // Tray menu quit, and SIGINT/SIGTERM: finishes the pending record writes, closes the
-    // database and ends the event loop with status 0.
+    // Tray menu quit, and SIGINT/SIGTERM: stops accepting and handling requests (those in hand
+    // finish), finishes the pending record writes, closes the database and ends the event loop
+    // with status 0.
     void quitDidClicked();
     // The monitor window was closed; its controller is dropped 0.1 s later, outside the
     // window's own close handling.
@@ -95,10 +102,14 @@ class AppDelegate final : public QObject,
     void openDatabase();
     void createDatabase();
     void startBonjoure();
+    // The listener couldn't start: says so (on standard output, and in the tray when there is
+    // one), closes the database and ends the event loop with status 1; nothing is advertised.
+    void cantServe();
     // Ends the event loop with status; main() then withdraws the advertisement and exits.
     static void terminate(int status);
 
     Options options_;
+    std::unique_ptr<DataFolderLock> folderLock_;
     std::string databasePath_;
     std::shared_ptr<Server> server;
     std::unique_ptr<ServiceAdvertiser> bonjoureService;

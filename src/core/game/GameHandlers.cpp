@@ -10,6 +10,8 @@
 #include "game/GameState.h"
 #include "game/Player.h"
 #include "game/PlayerStore.h"
+#include "game/RequestGate.h"
+#include "game/SelfConnectionGuard.h"
 #include "storage/Deal.h"
 #include "storage/Election.h"
 #include "storage/Game.h"
@@ -129,6 +131,12 @@ std::shared_ptr<Player> connectBack(const std::shared_ptr<Socket>& socket, const
     if (!player->connectBack(*peer, data.clientServerPort)) {
         return nullptr;
     }
+    SelfConnectionGuard::filePush(player->clientSocket);
+    // A client server "port" that is our own game port would feed every notification back to
+    // us as a request: that connection back can't be made, as far as the game is concerned.
+    if (SelfConnectionGuard::reachesOwnListener(*player->clientSocket, *socket)) {
+        return nullptr;
+    }
     address = *peer;
     return player;
 }
@@ -144,10 +152,12 @@ bool hasValidToken(const Request& request) {
     return request.token && PlayerStore::shared().contains(*request.token);
 }
 
-// Runs on the main queue a moment after the administrator's logout: every record write that
-// was submitted before is finished, then the database is closed and the process ends. The close
-// runs on the database queue, since requests still in flight may submit writes meanwhile.
+// Runs on the main queue a moment after the administrator's logout. No request is handled
+// from here on and those in hand finish first, so every record a client was told about is on
+// the database queue; then those writes are finished, the database is closed and the process
+// ends.
 void endGame() {
+    RequestGate::shared().close(RequestGate::kQuitWait);
     sqlm().closeAfterPendingWork();
     GameState::endProcess(0);
 }

@@ -44,6 +44,11 @@ class PokerThread final : public ServerThread, public RequestHandlers {
     // The dispatch table: seven entries; playerAdded and playerRemoved have none.
     std::map<RequestCode, Handler> call;
 
+  private:
+    // Decodes one request body and calls its handler (or answers "unknownRequest").
+    void dispatch(const Bytes& body);
+
+  public:
     // Logins currently admitted by the login limit, shared by every connection.
     static LoginCounter counter;
     static constexpr int counterLimit = LoginCounter::counterLimit;

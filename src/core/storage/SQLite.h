@@ -75,12 +75,10 @@ class SQLite final {
     // True while a connection is open.
     bool isOpen() const;
 
-    // Where the schema script is read from; by default "Schema.sql" found next to the
-    // executable, else in the data folder of the install the executable belongs to (wherever
-    // that tree was moved), else at the configured install path. Tests point it elsewhere
-    // (empty: no script).
+    // Where create() reads the schema script from; the application decides and hands it
+    // over (nothing or empty: no script, the database is created empty).
     void setSchemaPath(std::optional<std::string> path);
-    // Back to the default lookup.
+    // Back to no script.
     void resetSchemaPath();
 
     // ---- statements, values and rows ----

@@ -1,6 +1,7 @@
 #include "transport/SocketFunctions.h"
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -154,6 +155,55 @@ int socket_address(int descriptor, char* text, int* length) {
     *length = dottedLength;
     std::memcpy(text, dotted, static_cast<std::size_t>(dottedLength));
     return 0;
+}
+
+}  // namespace pointlane
+
+namespace pointlane {
+
+namespace {
+
+int endpoint(int descriptor, bool local, unsigned* address, int* port) {
+    sockaddr_in found{};
+    socklen_t size = sizeof(found);
+    const int result =
+        local ? ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&found), &size)
+              : ::getpeername(descriptor, reinterpret_cast<sockaddr*>(&found), &size);
+    if (result != 0 || found.sin_family != AF_INET) {
+        return -1;
+    }
+    *address = ntohl(found.sin_addr.s_addr);
+    *port = ntohs(found.sin_port);
+    return 0;
+}
+
+}  // namespace
+
+int socket_local_endpoint(int descriptor, unsigned* address, int* port) {
+    return endpoint(descriptor, true, address, port);
+}
+
+int socket_peer_endpoint(int descriptor, unsigned* address, int* port) {
+    return endpoint(descriptor, false, address, port);
+}
+
+int is_own_address(unsigned address) {
+    if ((address >> 24) == 127 || address == INADDR_ANY) {
+        return 1;  // the loopback network; "any" reaches this machine as well
+    }
+    ifaddrs* interfaces = nullptr;
+    if (::getifaddrs(&interfaces) != 0) {
+        return -1;
+    }
+    int own = 0;
+    for (const ifaddrs* entry = interfaces; entry != nullptr && own == 0; entry = entry->ifa_next) {
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
+            const auto* in = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+            own = ntohl(in->sin_addr.s_addr) == address ? 1 : 0;
+        }
+    }
+    ::freeifaddrs(interfaces);
+    return own;
 }
 
 }  // namespace pointlane

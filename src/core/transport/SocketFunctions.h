@@ -33,3 +33,16 @@ int write_bytes(int descriptor, const void* buffer, int count);
 int socket_address(int descriptor, char* text, int* length);
 
 }  // namespace pointlane
+
+namespace pointlane {
+
+// The IPv4 endpoint the socket is bound to (getsockname) or connected to (getpeername):
+// address in host byte order, port. 0, or -1 when it can't be obtained.
+int socket_local_endpoint(int descriptor, unsigned* address, int* port);
+int socket_peer_endpoint(int descriptor, unsigned* address, int* port);
+// 1 when the IPv4 address (host byte order) reaches this machine itself: a loopback address
+// or the address of one of its interfaces; 0 when it doesn't; -1 when the interfaces can't be
+// listed.
+int is_own_address(unsigned address);
+
+}  // namespace pointlane
