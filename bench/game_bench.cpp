@@ -5,15 +5,14 @@
 // registered clients' own servers each receive their notification. Latency runs from the
 // request being sent to the fifth notification being received.
 //
+// Stalled push connections: the administrator and four players, two of whom stop reading their
+// push connections. Big deals fill what those connections buffer; reported are the healthy
+// players' delivery delay of the first notification that meets the stall (from the request
+// being sent to the last healthy player having it), and the p99 of 200 plays afterwards
+// (request sent to every healthy player notified), beside the p99 of the run without a stall.
+//
 // Usage: game_bench [round trips]   (the server binary is started with a temporary HOME)
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -47,17 +46,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int kPlayers = 5;
 constexpr int kWarmUp = 200;
 
-void noDelay(int descriptor) {
-    const int on = 1;
-    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-bool writeFrame(Socket& socket, const Bytes& body) {
-    Bytes frame = frameHeader(static_cast<std::int32_t>(body.size()));
-    frame.insert(frame.end(), body.begin(), body.end());
-    return socket.writeData(frame);
-}
-
 // The least a server can do for the same exchange: read a request frame, write it to the five
 // push connections, write a fixed answer.
 class FanOutServer {
@@ -66,16 +54,11 @@ class FanOutServer {
         for (int port : clientPorts) {
             auto push = Socket::create(-1);
             connect_socket(push->socketFileDescriptor(), "127.0.0.1", port);
-            noDelay(push->socketFileDescriptor());
             pushes_.push_back(push);
         }
         listener_ = Socket::create(-1);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listener_->socketFileDescriptor(), reinterpret_cast<sockaddr*>(&address),
-               sizeof address);
-        ::listen(listener_->socketFileDescriptor(), 4);
+        bind_socket_loopback(listener_->socketFileDescriptor(), 0);
+        socket_listen(listener_->socketFileDescriptor());
         port_ = listener_->localPort();
         Answer answer;
         answer.token = std::string(32, 't');
@@ -98,12 +81,11 @@ class FanOutServer {
             return;
         }
         connection_ = Socket::create(descriptor);
-        noDelay(descriptor);
         while (auto body = receiveFrame(*connection_)) {
             for (auto& push : pushes_) {
-                writeFrame(*push, *body);
+                sendFrame(*push, *body);
             }
-            writeFrame(*connection_, answer_);
+            sendFrame(*connection_, answer_);
         }
     }
 
@@ -114,6 +96,18 @@ class FanOutServer {
     int port_ = 0;
     std::thread thread_;
 };
+
+// Waits, in this thread, for each receiver to hold `expected` notifications; the latest time any
+// of them got there, or nothing after the time-out.
+std::optional<Clock::time_point> allReceived(std::vector<ClientServer*>& receivers,
+                                             std::size_t expected) {
+    for (auto* r : receivers) {
+        if (!r->waitForCount(expected, std::chrono::seconds(20))) {
+            return std::nullopt;
+        }
+    }
+    return Clock::now();
+}
 
 struct Result {
     double perSecond = 0;
@@ -155,6 +149,99 @@ Result measure(ClientConnection& connection, const Request& request,
     result.perSecond = n / seconds;
     result.p50us = latencies[latencies.size() / 2];
     result.p99us = latencies[std::min(latencies.size() - 1, latencies.size() * 99 / 100)];
+    result.ok = true;
+    return result;
+}
+
+struct StallResult {
+    double firstAffectedDeliveryMs = 0;  // healthy players' delay of the first stalled deal
+    double firstAffectedAnswerMs = 0;    // that deal's answer
+    double p99PlayUs = 0;                // plays afterwards
+    int dealsToStall = 0;
+    bool ok = false;
+};
+
+StallResult measureStall(const std::string& home, int plays) {
+    StallResult result;
+    auto started = testkit::ServerProcess::start(home);
+    if (!started) {
+        std::fprintf(stderr, "the server did not start\n");
+        return result;
+    }
+    ClientServer::Options stalling;
+    stalling.reads = false;
+    stalling.receiveBufferSize = 4096;
+    std::vector<std::unique_ptr<ClientServer>> receivers;
+    std::vector<std::unique_ptr<PokerClient>> clients;
+    std::vector<ClientServer*> healthy;
+    std::vector<std::size_t> arrivals;  // playerAdded notifications each healthy player gets
+    for (int i = 0; i < kPlayers; ++i) {
+        const bool stalls = i == 2 || i == 3;
+        receivers.push_back(stalls ? ClientServer::start(stalling) : ClientServer::start());
+        clients.push_back(PokerClient::connect(started->port()));
+        auto answer = i == 0
+                          ? clients[i]->loginAdmin("Admin", "Bench", receivers[i]->port())
+                          : clients[i]->loginPlayer("P" + std::to_string(i), receivers[i]->port());
+        if (!answer || answer->code != 0) {
+            std::fprintf(stderr, "login %d refused\n", i);
+            return result;
+        }
+        if (!stalls) {
+            healthy.push_back(receivers[i].get());
+            arrivals.push_back(static_cast<std::size_t>(kPlayers - std::max(i, 1)));
+        }
+    }
+    for (std::size_t k = 0; k < healthy.size(); ++k) {
+        healthy[k]->waitForCount(arrivals[k]);
+        healthy[k]->clear();
+    }
+    std::size_t expected = 0;
+    // Deals until one is held up by the stalled connections (its answer takes 1.5 s or more;
+    // an unhindered big deal takes well under a second).
+    const std::string title(512 * 1024, 'x');
+    Bytes data;
+    const std::string dealText = R"({"title":")" + title + "\"}";
+    data.assign(dealText.begin(), dealText.end());
+    for (int i = 0; i < 32 && result.dealsToStall == 0; ++i) {
+        const auto sent = Clock::now();
+        Clock::time_point answered;
+        bool answeredOk = false;
+        std::thread answering([&] {
+            auto answer = clients[0]->initNewDeal(data);
+            answered = Clock::now();
+            answeredOk = answer && answer->code == 0;
+        });
+        const auto delivered = allReceived(healthy, ++expected);
+        answering.join();
+        if (!delivered || !answeredOk) {
+            std::fprintf(stderr, "deal %d: not delivered or not answered\n", i);
+            return result;
+        }
+        if (answered - sent >= std::chrono::milliseconds(1500)) {
+            result.dealsToStall = i + 1;
+            result.firstAffectedDeliveryMs =
+                std::chrono::duration<double, std::milli>(*delivered - sent).count();
+            result.firstAffectedAnswerMs =
+                std::chrono::duration<double, std::milli>(answered - sent).count();
+        }
+    }
+    if (result.dealsToStall == 0) {
+        std::fprintf(stderr, "the stalled connections never held a deal up\n");
+        return result;
+    }
+    std::vector<double> latencies;
+    for (int i = 0; i < plays; ++i) {
+        const auto sent = Clock::now();
+        auto answer = clients[1]->play();
+        const auto delivered = allReceived(healthy, ++expected);
+        if (!answer || answer->code != 0 || !delivered) {
+            std::fprintf(stderr, "play %d: not delivered or not answered\n", i);
+            return result;
+        }
+        latencies.push_back(std::chrono::duration<double, std::micro>(*delivered - sent).count());
+    }
+    std::sort(latencies.begin(), latencies.end());
+    result.p99PlayUs = latencies[std::min(latencies.size() - 1, latencies.size() * 99 / 100)];
     result.ok = true;
     return result;
 }
@@ -217,8 +304,11 @@ int main(int argc, char** argv) {
         baseline = measure(*connection, play, receivers, n);
         connection->close();
     }
+    constexpr int kStallPlays = 200;
+    std::filesystem::create_directories(home + "/stall");
+    const StallResult stall = measureStall(home + "/stall", kStallPlays);
     std::filesystem::remove_all(home);
-    if (!server.ok || !baseline.ok) {
+    if (!server.ok || !baseline.ok || !stall.ok) {
         return 1;
     }
     std::printf("round trips: %d (after %d warm-up), %d notifications each\n", n, kWarmUp,
@@ -229,5 +319,13 @@ int main(int argc, char** argv) {
                 baseline.perSecond, baseline.p50us, baseline.p99us);
     std::printf("ratio    : %.2f (server / fan-out, target >= 0.70)\n",
                 server.perSecond / baseline.perSecond);
+    std::printf("stalled  : 2 of 5 push connections stop reading; deal %d met the stall\n",
+                stall.dealsToStall);
+    std::printf(
+        "  first affected deal: healthy players had it after %8.1f ms, answered after "
+        "%8.1f ms\n",
+        stall.firstAffectedDeliveryMs, stall.firstAffectedAnswerMs);
+    std::printf("  %d plays afterwards: p99 %7.1f us (without a stall: p99 %7.1f us)\n",
+                kStallPlays, stall.p99PlayUs, server.p99us);
     return 0;
 }

@@ -1,12 +1,5 @@
 #include "ClientConnection.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-
-#include <cmath>
-
 #include "transport/Frame.h"
 #include "transport/SocketFunctions.h"
 
@@ -18,18 +11,11 @@ std::unique_ptr<ClientConnection> ClientConnection::connect(int port, const std:
     if (!socket) {
         return nullptr;
     }
-    const int descriptor = socket->socketFileDescriptor();
-    if (connect_socket(descriptor, host.c_str(), port) != 0) {
+    if (connect_socket(socket->socketFileDescriptor(), host.c_str(), port) != 0) {
         return nullptr;
     }
-    const int on = 1;
-    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (receiveTimeoutSeconds > 0) {
-        timeval timeout{};
-        timeout.tv_sec = static_cast<time_t>(receiveTimeoutSeconds);
-        timeout.tv_usec = static_cast<suseconds_t>(
-            (receiveTimeoutSeconds - std::floor(receiveTimeoutSeconds)) * 1e6);
-        ::setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        socket->setReceiveTimeout(receiveTimeoutSeconds);
     }
     return std::unique_ptr<ClientConnection>(new ClientConnection(std::move(socket)));
 }
@@ -40,9 +26,7 @@ bool ClientConnection::send(const Request& request) {
 }
 
 bool ClientConnection::sendBody(const Bytes& body) {
-    Bytes frame = frameHeader(static_cast<std::int32_t>(body.size()));
-    frame.insert(frame.end(), body.begin(), body.end());
-    return socket_->writeData(frame);
+    return sendFrame(*socket_, body);
 }
 
 bool ClientConnection::sendRaw(const Bytes& bytes) {

@@ -1,7 +1,5 @@
 #include "ClientServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "transport/Frame.h"
@@ -19,12 +17,7 @@ std::unique_ptr<ClientServer> ClientServer::start(Options options) {
         // Set before listen() so that accepted connections start with it (and a small window).
         setopt_socket(descriptor, SO_RCVBUF, options.receiveBufferSize);
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = 0;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(descriptor, 16) != 0) {
+    if (bind_socket_loopback(descriptor, 0) != 0 || socket_listen(descriptor) != 0) {
         return nullptr;
     }
     auto server = std::unique_ptr<ClientServer>(new ClientServer(std::move(listener), options));
@@ -71,9 +64,25 @@ void ClientServer::acceptLoop() {
         ++accepted_;
         connections_.push_back(connection);
         if (options_.reads) {
-            readers_.emplace_back([this, connection] { readLoop(connection); });
+            startReadersLocked();
         }
         changed_.notify_all();
+    }
+}
+
+void ClientServer::resume() {
+    std::lock_guard lock(mutex_);
+    if (stopping_) {
+        return;
+    }
+    options_.reads = true;
+    startReadersLocked();
+}
+
+void ClientServer::startReadersLocked() {
+    for (; readConnections_ < connections_.size(); ++readConnections_) {
+        readers_.emplace_back(
+            [this, connection = connections_[readConnections_]] { readLoop(connection); });
     }
 }
 
@@ -151,31 +160,19 @@ void ClientServer::stop() {
             return;
         }
         stopping_ = true;
-        // Only wake the threads blocked on these sockets here; the descriptors are closed once
-        // those threads are gone, so no descriptor is closed under a running read or accept.
+        // Shutting down wakes the threads blocked on these sockets; the descriptors are closed
+        // only when the sockets go, after those threads.
         for (auto& connection : connections_) {
-            wake(*connection);
+            connection->shutdown();
         }
         readers.swap(readers_);
     }
-    wake(*listener_);
+    listener_->shutdown();
     if (acceptor_.joinable()) {
         acceptor_.join();
     }
     for (auto& reader : readers) {
         reader.join();
-    }
-    std::lock_guard lock(mutex_);
-    for (auto& connection : connections_) {
-        connection->shutdown();
-    }
-    listener_->shutdown();
-}
-
-void ClientServer::wake(Socket& socket) {
-    const int descriptor = socket.socketFileDescriptor();
-    if (descriptor != -1) {
-        ::shutdown(descriptor, SHUT_RDWR);
     }
 }
 

@@ -58,17 +58,20 @@ class ClientServer final {
 
     // Forgets the notifications received so far.
     void clear();
+    // Starts reading every connection accepted so far and every later one (for a server
+    // started with reads false: a client that stalled and reads again).
+    void resume();
     void stop();
 
   private:
     ClientServer(std::shared_ptr<Socket> listener, Options options);
     void acceptLoop();
     void readLoop(std::shared_ptr<Socket> connection);
-    // Ends a blocked read or accept on the socket without closing its descriptor.
-    static void wake(Socket& socket);
+    // Starts one reader for each connection that has none. Requires mutex_ held.
+    void startReadersLocked();
 
     std::shared_ptr<Socket> listener_;
-    Options options_;
+    Options options_;  // reads guarded by mutex_
     int port_ = 0;
 
     mutable std::mutex mutex_;
@@ -80,6 +83,7 @@ class ClientServer final {
     int closed_ = 0;                                    // guarded by mutex_
     bool stopping_ = false;                             // guarded by mutex_
     std::vector<std::shared_ptr<Socket>> connections_;  // guarded by mutex_
+    std::size_t readConnections_ = 0;                   // guarded by mutex_: how many have readers
     std::vector<std::thread> readers_;                  // guarded by mutex_
     std::thread acceptor_;
 };

@@ -2,12 +2,14 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ClientServer.h"
@@ -325,6 +327,87 @@ TEST_F(GameEndToEndTest, ClientServerThatNeverReadsDoesNotHoldUpTheOthers) {
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->code, 0);
     EXPECT_TRUE(reader.waitFor(RequestCode::play));
+}
+
+TEST_F(GameEndToEndTest, StalledClientServersCostOneBoundTogetherAndGetWholeFramesOnly) {
+    // How long the server lets one notification wait for client servers that stopped reading.
+    constexpr auto kBound = std::chrono::seconds(2);
+    Player boss = admin("Admin", "G");
+    ClientServer::Options stalling;
+    stalling.reads = false;
+    stalling.receiveBufferSize = 4096;
+    Player first = join("Stalled1", stalling);
+    Player second = join("Stalled2", stalling);
+    Player reader = join("Reader");
+    Player asker = join("Asker");
+    ASSERT_TRUE(testkit::waitUntil([&] {
+        return first.clientServer->accepted() == 1 && second.clientServer->accepted() == 1;
+    }));
+
+    // Requests on another connection go on while the stalls happen.
+    std::atomic<bool> flooding{true};
+    auto slowestPlay = Clock::duration::zero();
+    int plays = 0;
+    std::thread asking([&] {
+        while (flooding) {
+            const auto sent = Clock::now();
+            auto answer = asker.client->play();
+            slowestPlay = std::max(slowestPlay, Clock::now() - sent);
+            if (!answer || answer->code != 0) {
+                ADD_FAILURE() << "play " << plays << " was not answered";
+                return;
+            }
+            ++plays;
+        }
+    });
+    // Deals big enough that a few of them fill what a stalled connection buffers; each is
+    // timed from its sending until the healthy reader has it.
+    constexpr int kDeals = 8;
+    const std::string deal = R"({"title":")" + std::string(512 * 1024, 'x') + "\"}";
+    auto slowestDeal = Clock::duration::zero();
+    for (int i = 0; i < kDeals; ++i) {
+        const auto sent = Clock::now();
+        auto answer = boss.client->initNewDeal(bytes(deal));
+        ASSERT_TRUE(answer && answer->code == 0) << "deal " << i;
+        ASSERT_TRUE(reader.clientServer->waitFor([&](const std::vector<Request>& received) {
+            return std::count_if(received.begin(), received.end(), [](const Request& n) {
+                       return n.request == RequestCode::initNewDeal;
+                   }) == i + 1;
+        })) << "deal "
+            << i;
+        slowestDeal = std::max(slowestDeal, Clock::now() - sent);
+    }
+    flooding = false;
+    asking.join();
+    // One bound for both stalled connections together, not one each.
+    EXPECT_LT(slowestDeal, 2 * kBound);
+    EXPECT_LT(slowestPlay, 2 * kBound);
+    EXPECT_GT(plays, 0);
+    EXPECT_EQ(reader.clientServer->undecodable(), 0);
+
+    // The stalled connections were shut down: read again, they hold whole notifications for
+    // their own player, then the end of the stream, at most the last frame cut short by it.
+    ::testing::internal::CaptureStdout();  // the cut frame's decoding error
+    std::vector<std::size_t> counts;
+    for (const Player* stalled : {&first, &second}) {
+        stalled->clientServer->resume();
+        EXPECT_TRUE(stalled->clientServer->waitForClosed()) << stalled->name;
+        const auto received = stalled->clientServer->notifications();
+        EXPECT_GE(received.size(), 4u) << stalled->name;
+        for (const auto& n : received) {
+            EXPECT_EQ(n.token, stalled->client->token()) << stalled->name;
+        }
+        EXPECT_LE(stalled->clientServer->undecodable(), 1) << stalled->name;
+        counts.push_back(received.size());
+    }
+    ::testing::internal::GetCapturedStdout();
+    // Later notifications to them fail at once, and the healthy players get theirs.
+    const auto sent = Clock::now();
+    ASSERT_EQ(boss.client->initNewDeal("After")->code, 0);
+    EXPECT_LT(Clock::now() - sent, kBound / 2);
+    EXPECT_TRUE(reader.waitFor(RequestCode::initNewDeal, R"({"title":"After"})"));
+    EXPECT_EQ(first.clientServer->notifications().size(), counts[0]);
+    EXPECT_EQ(second.clientServer->notifications().size(), counts[1]);
 }
 
 TEST_F(GameEndToEndTest, SigtermFinishesTheStoredWorkAndExitsWithZero) {

@@ -124,7 +124,7 @@ TEST_F(GameHandlersTest, LoginAnswerLargerThanAnyRequestIsStillSent) {
     const auto header = socket.readData(4);
     ASSERT_TRUE(header && header->size() == 4u) << "no answer";
     const std::int32_t length = asInt32(*header);
-    ASSERT_GT(length, kMaxFrameBodyLength);
+    ASSERT_GT(length, kMaxReceivedBodyLength);
     const auto body = socket.readData(length);
     ASSERT_TRUE(body);
     const auto answer = Answer::fromJson(*body);

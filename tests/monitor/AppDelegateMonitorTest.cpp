@@ -1,8 +1,3 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <QAction>
 #include <QSystemTrayIcon>
 #include <chrono>
@@ -14,6 +9,8 @@
 #include "monitor/DataWindowController.h"
 #include "monitor/StackedView.h"
 #include "monitor/StatusItem.h"
+#include "transport/Socket.h"
+#include "transport/SocketFunctions.h"
 
 namespace pointlane {
 namespace {
@@ -97,24 +94,20 @@ TEST_F(AppDelegateMonitorTest, LaunchShowsTheTrayItemBeforeTheListenerStarts) {
     }
     // A port that is taken makes the listener speak at once; the tray item, which the
     // offscreen platform cannot show, must have spoken before.
-    const int taken = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(listen(taken, 1), 0);
-    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    auto taken = Socket::create(-1);
+    ASSERT_TRUE(taken);
+    ASSERT_EQ(bind_socket_loopback(taken->socketFileDescriptor(), 0), 0);
+    ASSERT_EQ(socket_listen(taken->socketFileDescriptor()), 0);
     AppDelegate::Options options;
     options.headless = false;
-    options.port = ntohs(address.sin_port);
+    options.port = taken->localPort();
     delegate.reset();  // one server per data folder: the first lets go of it
     delegate = AppDelegate::create(options);
 
     testing::internal::CaptureStdout();
     delegate->applicationDidFinishLaunching();
     const std::string out = testing::internal::GetCapturedStdout();
-    close(taken);
+    taken.reset();
     const auto tray = out.find("No system tray available");
     const auto listener = out.find("Can't bind server socket to port");
     ASSERT_NE(tray, std::string::npos) << out;

@@ -157,7 +157,7 @@ TEST_F(DispatchTest, HeaderCutShortEndsTheConnection) {
     for (std::size_t length = 1; length <= 3; ++length) {
         auto client = connect();
         ASSERT_TRUE(client->writeData(Bytes(length, 1)));
-        ::shutdown(client->socketFileDescriptor(), SHUT_WR);
+        shutdown_socket(client->socketFileDescriptor(), SHUT_WR);
         EXPECT_FALSE(client->readData(1).has_value()) << length << " header bytes";
     }
     // Every server-side descriptor is closed once its run() has returned.

@@ -3,9 +3,6 @@
 // Loopback plumbing shared by the transport tests: connected socket pairs, a server running on
 // an ephemeral port, and a client that reads answers with a time-out so no test can hang.
 
-#include <sys/socket.h>
-#include <sys/time.h>
-
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -17,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "JsonText.h"
 #include "TestKit.h"
 #include "support/Bytes.h"
 #include "transport/Answer.h"
@@ -29,10 +27,7 @@
 
 namespace pointlane::loopback {
 
-inline void setReceiveTimeout(Socket& socket, int seconds) {
-    timeval timeout{seconds, 0};
-    ::setsockopt(socket.socketFileDescriptor(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-}
+using jsontext::bytesOf;
 
 // A client socket connected to 127.0.0.1:port whose reads give up after a few seconds.
 inline std::shared_ptr<Socket> connectTo(int port, int timeoutSeconds = 10) {
@@ -40,7 +35,7 @@ inline std::shared_ptr<Socket> connectTo(int port, int timeoutSeconds = 10) {
     if (!socket || connect_socket(socket->socketFileDescriptor(), "127.0.0.1", port) != 0) {
         return nullptr;
     }
-    setReceiveTimeout(*socket, timeoutSeconds);
+    socket->setReceiveTimeout(timeoutSeconds);
     return socket;
 }
 
@@ -61,19 +56,13 @@ inline SocketPair makePair() {
     const int accepted = accept_socket(listener->socketFileDescriptor());
     pair.server = Socket::create(accepted);
     if (pair.server) {
-        setReceiveTimeout(*pair.server, 10);
+        pair.server->setReceiveTimeout(10);
     }
     return pair;
 }
 
-inline Bytes bytesOf(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
-
 inline Bytes frame(const std::string& body) {
-    Bytes bytes = frameHeader(static_cast<std::int32_t>(body.size()));
-    bytes.insert(bytes.end(), body.begin(), body.end());
-    return bytes;
+    return encodeFrame(bytesOf(body)).value_or(Bytes{});
 }
 
 // Reads one answer frame; nothing on end of stream or time-out.

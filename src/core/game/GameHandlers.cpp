@@ -1,7 +1,6 @@
 #include "game/GameHandlers.h"
 
 #include <cstdint>
-#include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -86,18 +85,9 @@ std::optional<LoginData> loginData(const Request& request, bool needsGameName) {
 }
 
 void send(const std::shared_ptr<Socket>& socket, const Answer& answer) {
-    const auto body = answer.json();
-    // Only what can't be framed is held back. The cap on incoming frames is no limit here: a
-    // login answer lists every player's name and may be larger than the request that asked.
-    if (!body ||
-        body->size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
-        return;
+    if (const auto body = answer.json()) {
+        sendFrame(*socket, *body);
     }
-    // Length and body in one write: one segment per answer, and never a body without its
-    // length on the wire.
-    Bytes frame = frameHeader(static_cast<std::int32_t>(body->size()));
-    frame.insert(frame.end(), body->begin(), body->end());
-    socket->writeData(frame);
 }
 
 void refuse(const std::shared_ptr<Socket>& socket, AnswerMessage message, std::string token = {}) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/ToolBox.h"
+#include "transport/Frame.h"
 #include "transport/Request.h"
 
 namespace pointlane {
@@ -182,14 +183,17 @@ void PlayerStore::broadcast(RequestCode code, const std::optional<Bytes>& data) 
         Request notification;
         notification.request = code;
         notification.data = data;
+        std::vector<OutgoingFrame> frames;
+        frames.reserve(data_.size());
         for (const auto& [token, player] : data_) {
             notification.token = token;
-            const std::optional<Bytes> body = notification.json();
+            std::optional<Bytes> body = notification.json();
             if (!body) {
                 continue;  // skipped for this recipient only
             }
-            player->send(*body);
+            frames.push_back(OutgoingFrame{player->clientSocket, std::move(*body)});
         }
+        sendFrames(frames, std::chrono::steady_clock::now() + kNotificationBound);
     });
 }
 

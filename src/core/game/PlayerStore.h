@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -23,6 +24,12 @@ namespace pointlane {
 class PlayerStore final {
   public:
     static constexpr int kTokenLength = 32;
+    // How long one notification may wait, in all, for client servers that have stopped
+    // reading: it is written to every recipient at once, so the registry's lock is held no
+    // longer than this however many of them stall. A recipient that hasn't got its whole frame
+    // by then has its push connection shut down: it stays registered, and later notifications
+    // to it fail at once.
+    static constexpr std::chrono::milliseconds kNotificationBound{2000};
 
     // Why tryAdd() refused a player.
     enum class AddRefusal { none, adminAlreadyRegistered, adminNotRegistered, nameInUse };

@@ -1,8 +1,7 @@
 #include "transport/Frame.h"
 
-#include <limits>
-
 #include "transport/Socket.h"
+#include "transport/SocketFunctions.h"
 
 namespace pointlane {
 
@@ -22,14 +21,60 @@ Bytes frameHeader(std::int32_t length) {
                  static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
 }
 
-bool sendFrame(Socket& socket, const Bytes& body) {
-    if (body.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+std::optional<Bytes> encodeFrame(const Bytes& body) {
+    if (body.size() > static_cast<std::size_t>(kMaxSentBodyLength) - 4) {
+        return std::nullopt;  // header and body together must fit the length of one write
+    }
+    Bytes frame = frameHeader(static_cast<std::int32_t>(body.size()));
+    frame.reserve(4 + body.size());
+    frame.insert(frame.end(), body.begin(), body.end());
+    return frame;
+}
+
+bool sendFrame(Socket& socket, const Bytes& body, Deadline deadline) {
+    const std::optional<Bytes> frame = encodeFrame(body);
+    if (!frame) {
         return false;
     }
-    if (!socket.writeData(frameHeader(static_cast<std::int32_t>(body.size())))) {
-        return false;
+    SocketWrite write;
+    write.descriptor = socket.socketFileDescriptor();
+    write.buffer = frame->data();
+    write.count = static_cast<int>(frame->size());
+    if (write_all_before(&write, 1, deadline) == 1) {
+        return true;
     }
-    return socket.writeData(body);
+    socket.shutdown();
+    return false;
+}
+
+void sendFrames(std::vector<OutgoingFrame>& frames, Deadline deadline) {
+    std::vector<Bytes> encoded;
+    std::vector<SocketWrite> writes;
+    std::vector<OutgoingFrame*> writing;
+    encoded.reserve(frames.size());
+    writes.reserve(frames.size());
+    writing.reserve(frames.size());
+    for (OutgoingFrame& frame : frames) {
+        frame.sent = false;
+        std::optional<Bytes> bytes = frame.socket ? encodeFrame(frame.body) : std::nullopt;
+        if (!bytes) {
+            continue;
+        }
+        encoded.push_back(std::move(*bytes));
+        SocketWrite write;
+        write.descriptor = frame.socket->socketFileDescriptor();
+        write.buffer = encoded.back().data();
+        write.count = static_cast<int>(encoded.back().size());
+        writes.push_back(write);
+        writing.push_back(&frame);
+    }
+    write_all_before(writes.data(), static_cast<int>(writes.size()), deadline);
+    for (std::size_t i = 0; i < writes.size(); ++i) {
+        writing[i]->sent = !writes[i].failed;
+        if (writes[i].failed) {
+            writing[i]->socket->shutdown();
+        }
+    }
 }
 
 std::optional<Bytes> receiveFrame(Socket& socket) {
@@ -38,9 +83,7 @@ std::optional<Bytes> receiveFrame(Socket& socket) {
         return std::nullopt;  // a header cut short is the end of the stream too
     }
     const std::int32_t length = asInt32(*header);
-    if (length > kMaxFrameBodyLength) {
-        // Nobody sends messages this large; refusing before allocating keeps a hostile or
-        // confused peer from tying up memory or the connection thread.
+    if (length > kMaxReceivedBodyLength) {
         return std::nullopt;
     }
     return socket.readData(length);

@@ -1,7 +1,5 @@
 #include "transport/Server.h"
 
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -44,7 +42,12 @@ std::shared_ptr<Server> Server::create(std::weak_ptr<ServerDelegate> delegate) {
 }
 
 void Server::runOnPort(int port) {
-    if (bind_socket(socket->socketFileDescriptor(), port) == -1) {
+    const int listening = socket->socketFileDescriptor();
+    if (listening == -1) {
+        printLine("Server stopped");  // stopped before it started
+        return;
+    }
+    if (bind_socket(listening, port) == -1) {
         printLine("Can't bind server socket to port");
         return;
     }
@@ -87,34 +90,21 @@ void Server::acceptConnection(int descriptor) {
         return;
     }
     connection->server = weak_from_this();
-    if (stopping() || socket->socketFileDescriptor() == -1) {
+    if (socket->socketFileDescriptor() == -1) {
         return;  // stopped meanwhile: releasing the connection closes it
     }
     std::thread(runConnection, std::move(connection)).detach();
 }
 
 bool Server::listenAgain() {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    if (stopping_) {
-        socket->shutdown();  // descriptor -1: the re-listen below fails and the loop ends
-    }
+    // A socket shut down by stop() has descriptor -1, so this fails and the loop ends.
     return socket_listen(socket->socketFileDescriptor()) != -1;
 }
 
-bool Server::stopping() const {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    return stopping_;
-}
-
 void Server::stop() {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    stopping_ = true;
-    // Wakes a thread blocked in accept (and makes the next accept fail at once); the listener
-    // then closes the descriptor in listenAgain().
-    const int descriptor = socket->socketFileDescriptor();
-    if (descriptor != -1) {
-        ::shutdown(descriptor, SHUT_RDWR);
-    }
+    // Wakes a thread blocked in accept; the descriptor stays open until the socket is
+    // destroyed, so the listener never works on a number another socket may have taken.
+    socket->shutdown();
 }
 
 int Server::listeningPort() const {

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
 #include "transport/Socket.h"
 
@@ -31,6 +30,7 @@ public:
     void runOnPort(int port);
 
     // Shuts the listening socket down, which ends the accept loop (also a blocked accept).
+    // Any thread.
     void stop();
 
     // The port being listened on once listening has started (useful with port 0), else 0.
@@ -43,14 +43,8 @@ private:
     Server() = default;
     // Wraps one accepted descriptor and starts its connection thread, or drops it.
     void acceptConnection(int descriptor);
-    // Re-listens before the next accept, or closes the listening socket once stop() was asked.
+    // Re-listens before the next accept; false once stop() has shut the listening socket down.
     bool listenAgain();
-    bool stopping() const;
-
-    // stop() only shuts the listening socket down; the listener thread closes the descriptor
-    // itself, so no other thread closes it while accept() may be using it.
-    mutable std::mutex stateMutex_;
-    bool stopping_ = false;  // guarded by stateMutex_
 
     std::atomic<int> listeningPort_{0};
 };

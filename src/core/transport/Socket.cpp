@@ -1,31 +1,18 @@
 #include "transport/Socket.h"
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 
 #include "transport/SocketFunctions.h"
 
 namespace pointlane {
 
-namespace {
-
-void closeDescriptor(int descriptor) {
-    ::shutdown(descriptor, SHUT_RDWR);
-    ::close(descriptor);
-}
-
-}  // namespace
-
 std::shared_ptr<Socket> Socket::create(int descriptor) {
     if (descriptor == -1) {
-        descriptor = ::socket(AF_INET, SOCK_STREAM, 0);
+        descriptor = create_socket();
         if (descriptor == -1) {
             return nullptr;
         }
@@ -33,20 +20,22 @@ std::shared_ptr<Socket> Socket::create(int descriptor) {
     // In this order; the first failure drops the descriptor and leaves the rest untried.
     for (const int option : {SO_REUSEADDR, SO_KEEPALIVE, kNoSigPipeOption}) {
         if (setopt_socket(descriptor, option, 1) == -1) {
-            closeDescriptor(descriptor);
+            shutdown_socket(descriptor, SHUT_RDWR);
+            close_socket(descriptor);
             return nullptr;
         }
     }
-    // A frame goes out as two writes; without this the body would wait for the peer's delayed
-    // acknowledgement of the header (tens of milliseconds per answer). Best effort: a socket
-    // that refuses it still works.
-    const int noDelay = 1;
-    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
+    // Each frame goes out in one write. Without this, a frame written while an earlier one on
+    // the same connection is still unacknowledged (notifications and answers often follow each
+    // other closely) would wait for the peer's delayed acknowledgement, tens of milliseconds.
+    // Best effort: a socket that refuses it still works.
+    setopt_tcp(descriptor, TCP_NODELAY, 1);
     return std::shared_ptr<Socket>(new Socket(descriptor));
 }
 
 Socket::~Socket() {
     shutdown();
+    close_socket(owned_);
 }
 
 std::optional<std::string> Socket::address() const {
@@ -118,35 +107,24 @@ bool Socket::writeData(const std::uint8_t* bytes, std::size_t count) {
 }
 
 void Socket::shutdown() {
-    const int descriptor = descriptor_.exchange(-1);
-    if (descriptor != -1) {
-        closeDescriptor(descriptor);
+    if (descriptor_.exchange(-1) != -1) {
+        shutdown_socket(owned_, SHUT_RDWR);
     }
 }
 
 bool Socket::setSendTimeout(double seconds) {
     const int descriptor = socketFileDescriptor();
-    if (descriptor == -1 || !(seconds >= 0)) {
-        return false;
-    }
-    timeval timeout{};
-    timeout.tv_sec = static_cast<time_t>(std::floor(seconds));
-    timeout.tv_usec = static_cast<suseconds_t>((seconds - std::floor(seconds)) * 1e6);
-    return ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout)) == 0;
+    return descriptor != -1 && setopt_socket_timeout(descriptor, SO_SNDTIMEO, seconds) == 0;
+}
+
+bool Socket::setReceiveTimeout(double seconds) {
+    const int descriptor = socketFileDescriptor();
+    return descriptor != -1 && setopt_socket_timeout(descriptor, SO_RCVTIMEO, seconds) == 0;
 }
 
 int Socket::localPort() const {
     const int descriptor = socketFileDescriptor();
-    if (descriptor == -1) {
-        return 0;
-    }
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
-        address.sin_family != AF_INET) {
-        return 0;
-    }
-    return ntohs(address.sin_port);
+    return descriptor == -1 ? 0 : socket_local_port(descriptor);
 }
 
 }  // namespace pointlane

@@ -4,12 +4,17 @@
 #include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 namespace pointlane {
 
@@ -23,8 +28,8 @@ constexpr int kSendFlags = MSG_NOSIGNAL;
 constexpr int kSendFlags = 0;
 #endif
 
-ssize_t writeSome(int descriptor, const char* bytes, std::size_t count) {
-    ssize_t written = ::send(descriptor, bytes, count, kSendFlags);
+ssize_t writeSome(int descriptor, const char* bytes, std::size_t count, int flags = 0) {
+    ssize_t written = ::send(descriptor, bytes, count, kSendFlags | flags);
     if (written < 0 && errno == ENOTSOCK) {
         // Pipes and files: no peer to lose, so a plain write is safe.
         written = ::write(descriptor, bytes, count);
@@ -32,7 +37,49 @@ ssize_t writeSome(int descriptor, const char* bytes, std::size_t count) {
     return written;
 }
 
+int bindTo(int descriptor, std::uint32_t address, int port) {
+    sockaddr_in socketAddress{};
+    socketAddress.sin_family = AF_INET;
+    socketAddress.sin_addr.s_addr = htonl(address);
+    socketAddress.sin_port = htons(static_cast<std::uint16_t>(port));
+    return ::bind(descriptor, reinterpret_cast<const sockaddr*>(&socketAddress),
+                  sizeof(socketAddress));
+}
+
+// Sends what fits now without waiting; false when the write failed for good.
+bool writeWhatFits(SocketWrite& write) {
+    const char* bytes = static_cast<const char*>(write.buffer);
+    while (write.written < write.count) {
+        errno = 0;
+        const ssize_t sent =
+            writeSome(write.descriptor, bytes + write.written,
+                      static_cast<std::size_t>(write.count - write.written), MSG_DONTWAIT);
+        if (sent > 0) {
+            write.written += static_cast<int>(sent);
+        } else if (sent < 0 && errno == EINTR) {
+            continue;
+        } else if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            return true;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
+
+int create_socket() {
+    return ::socket(AF_INET, SOCK_STREAM, 0);
+}
+
+int shutdown_socket(int descriptor, int how) {
+    return ::shutdown(descriptor, how);
+}
+
+int close_socket(int descriptor) {
+    return ::close(descriptor);
+}
 
 int connect_socket(int descriptor, const char* host, int port) {
     if (host == nullptr) {
@@ -60,11 +107,11 @@ int accept_socket(int descriptor) {
 }
 
 int bind_socket(int descriptor, int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    return bindTo(descriptor, INADDR_ANY, port);
+}
+
+int bind_socket_loopback(int descriptor, int port) {
+    return bindTo(descriptor, INADDR_LOOPBACK, port);
 }
 
 int setopt_socket(int descriptor, int option, int value) {
@@ -80,6 +127,20 @@ int setopt_socket(int descriptor, int option, int value) {
 #endif
     }
     return ::setsockopt(descriptor, SOL_SOCKET, option, &value, sizeof(value)) == 0 ? 0 : -1;
+}
+
+int setopt_tcp(int descriptor, int option, int value) {
+    return ::setsockopt(descriptor, IPPROTO_TCP, option, &value, sizeof(value)) == 0 ? 0 : -1;
+}
+
+int setopt_socket_timeout(int descriptor, int option, double seconds) {
+    if (!(seconds >= 0)) {
+        return -1;
+    }
+    timeval timeout{};
+    timeout.tv_sec = static_cast<time_t>(std::floor(seconds));
+    timeout.tv_usec = static_cast<suseconds_t>((seconds - std::floor(seconds)) * 1e6);
+    return ::setsockopt(descriptor, SOL_SOCKET, option, &timeout, sizeof(timeout)) == 0 ? 0 : -1;
 }
 
 int socket_internal_buffer_size(int descriptor) {
@@ -138,6 +199,69 @@ int write_bytes(int descriptor, const void* buffer, int count) {
         remaining -= static_cast<int>(written);
     }
     return count;
+}
+
+int write_all_before(SocketWrite* writes, int count,
+                     std::chrono::steady_clock::time_point deadline) {
+    for (int i = 0; i < count; ++i) {
+        writes[i].failed = writes[i].failed || writes[i].descriptor == -1;
+    }
+    std::vector<pollfd> waiting;
+    std::vector<SocketWrite*> pending;
+    for (;;) {
+        waiting.clear();
+        pending.clear();
+        for (int i = 0; i < count; ++i) {
+            SocketWrite& write = writes[i];
+            if (write.failed || write.written >= write.count) {
+                continue;
+            }
+            if (!writeWhatFits(write)) {
+                write.failed = true;
+            } else if (write.written < write.count) {
+                waiting.push_back(pollfd{write.descriptor, POLLOUT, 0});
+                pending.push_back(&write);
+            }
+        }
+        if (pending.empty()) {
+            break;
+        }
+        int timeout = -1;
+        if (deadline != std::chrono::steady_clock::time_point::max()) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) {
+                for (SocketWrite* write : pending) {
+                    write->failed = true;
+                }
+                break;
+            }
+            timeout = left.count() < INT_MAX ? static_cast<int>(left.count()) : INT_MAX;
+        }
+        // Whatever poll reports for a descriptor (room, an error, a hang-up), the next send on
+        // it tells.
+        if (::poll(waiting.data(), waiting.size(), timeout) < 0 && errno != EINTR) {
+            for (SocketWrite* write : pending) {
+                write->failed = true;
+            }
+            break;
+        }
+    }
+    int whole = 0;
+    for (int i = 0; i < count; ++i) {
+        whole += !writes[i].failed && writes[i].written >= writes[i].count ? 1 : 0;
+    }
+    return whole;
+}
+
+int socket_local_port(int descriptor) {
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    if (::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+        address.sin_family != AF_INET) {
+        return 0;
+    }
+    return ntohs(address.sin_port);
 }
 
 int socket_address(int descriptor, char* text, int* length) {

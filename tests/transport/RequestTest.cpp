@@ -1,51 +1,18 @@
+#include "transport/Request.h"
+
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "JsonText.h"
 #include "support/ToolBox.h"
-#include "transport/Answer.h"
-#include "transport/AnswerMessage.h"
-#include "transport/Request.h"
-#include "transport/RequestCode.h"
 
 namespace pointlane {
 namespace {
 
-Bytes bytesOf(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
-
-nlohmann::json parsed(const std::optional<Bytes>& bytes) {
-    EXPECT_TRUE(bytes.has_value());
-    return bytes ? nlohmann::json::parse(bytes->begin(), bytes->end(), nullptr, false)
-                 : nlohmann::json();
-}
-
-TEST(RequestCodeTest, ConvertsExactlyZeroToEight) {
-    EXPECT_EQ(requestCodeFrom(0), RequestCode::loginAdmin);
-    EXPECT_EQ(requestCodeFrom(7), RequestCode::playerRemoved);
-    EXPECT_EQ(requestCodeFrom(8), RequestCode::cardElected);
-    EXPECT_EQ(requestCodeFrom(9), std::nullopt);
-    EXPECT_EQ(requestCodeFrom(-1), std::nullopt);
-    EXPECT_EQ(requestCodeFrom(1LL << 32), std::nullopt);
-    EXPECT_EQ(toString(RequestCode::initNewDeal), "initNewDeal");
-}
-
-TEST(AnswerMessageTest, TextsAreTheWireSpellings) {
-    EXPECT_EQ(toString(AnswerMessage::adminAlreadyLoggenIn), "adminAlreadyLoggenIn");
-    EXPECT_EQ(toString(AnswerMessage::OK), "OK");
-    EXPECT_EQ(toString(AnswerMessage::initNewGame), "initNewGame");
-    EXPECT_EQ(answerMessageFrom("cantConnectToClientServer"),
-              AnswerMessage::cantConnectToClientServer);
-    EXPECT_EQ(answerMessageFrom("adminAlreadyLoggedIn"), std::nullopt);
-    EXPECT_EQ(answerMessageFrom("ok"), std::nullopt);
-    EXPECT_EQ(answerMessageFrom(""), std::nullopt);
-    for (int i = 0; i <= 10; ++i) {
-        const auto message = static_cast<AnswerMessage>(i);
-        EXPECT_EQ(answerMessageFrom(toString(message)), message);
-    }
-}
+using jsontext::bytesOf;
+using jsontext::parsed;
 
 TEST(RequestTest, DecodesTokenQueryAndDataByType) {
     const auto logout = Request::fromJson(bytesOf(R"({"request":2,"token":"abc"})"));
@@ -126,41 +93,6 @@ TEST(RequestTest, DescriptionSpansTwoLines) {
     EXPECT_EQ(request.description(),
               "(request: play, query: nil, token: Optional(\"t\"))\ndata: Optional(2 bytes)");
     EXPECT_EQ(Request{}.description(), "(request: loginAdmin, query: nil, token: nil)\ndata: nil");
-}
-
-TEST(AnswerTest, UnknownRequestHasExactlyThreeKeys) {
-    const auto body = Answer::refusal(AnswerMessage::unknownRequest).json();
-    const auto object = parsed(body);
-    EXPECT_EQ(object.size(), 3u);
-    EXPECT_EQ(object,
-              nlohmann::json::parse(R"({"code":-1,"message":"unknownRequest","token":""})"));
-    // Compact: no blanks anywhere.
-    EXPECT_EQ(std::string(body->begin(), body->end()).find(' '), std::string::npos);
-}
-
-TEST(AnswerTest, WireFormCarriesInfoAndBase64Data) {
-    Answer answer;
-    answer.token = "tok";
-    answer.info = "Sprint 1";
-    answer.data = bytesOf(R"(["Ann","Bob"])");
-    const auto body = answer.json();
-    EXPECT_EQ(parsed(body),
-              nlohmann::json::parse(R"({"code":0,"message":"OK","token":"tok","info":"Sprint 1",)"
-                                    R"("data":"WyJBbm4iLCJCb2IiXQ=="})"));
-    // Clients match on the misspelled text.
-    const auto refused =
-        Answer::fromJson(bytesOf(R"({"code":-1,"message":"adminAlreadyLoggenIn","token":""})"));
-    ASSERT_TRUE(refused.has_value());
-    EXPECT_EQ(refused->message, AnswerMessage::adminAlreadyLoggenIn);
-    EXPECT_FALSE(Answer::fromJson(bytesOf(R"({"code":-1,"message":"nope"})")).has_value());
-}
-
-TEST(AnswerTest, DescriptionEndsWithTwoParentheses) {
-    Answer answer = Answer::refusal(AnswerMessage::invalidToken, "abc");
-    EXPECT_EQ(answer.description(), "(code: -1, token: abc, message: invalidToken, info: nil))");
-    answer.info = "x";
-    EXPECT_EQ(answer.description(),
-              "(code: -1, token: abc, message: invalidToken, info: Optional(\"x\")))");
 }
 
 }  // namespace
