@@ -39,6 +39,8 @@ int main(int argc, char** argv) {
     options.port = commandLine.port;
     options.headless = commandLine.headless || !hasDisplay();
     options.monitor = commandLine.monitor;
+    options.web = !commandLine.noWeb;
+    options.webPort = commandLine.webPort;
 
     std::unique_ptr<QCoreApplication> application;
     if (options.headless) {

@@ -28,6 +28,18 @@ TEST(CommandLineTest, ParsesOptionsAndReportsBadInputAsMessages) {
     ASSERT_TRUE(twice.ok());
     EXPECT_EQ(twice.commandLine->port, 2);
 
+    EXPECT_EQ(defaults.commandLine->webPort, 50080);
+    EXPECT_FALSE(defaults.commandLine->noWeb);
+    auto web = CommandLine::parse({"--web-port", "0", "--no-web"});
+    ASSERT_TRUE(web.ok()) << web.error;
+    EXPECT_EQ(web.commandLine->webPort, 0);
+    EXPECT_TRUE(web.commandLine->noWeb);
+    EXPECT_EQ(CommandLine::parse({"--web-port=8080"}).commandLine->webPort, 8080);
+    EXPECT_EQ(CommandLine::parse({"--web-port", "x"}).error,
+              "invalid port 'x': expected a number from 0 to 65535");
+    EXPECT_EQ(CommandLine::parse({"--web-port"}).error,
+              "option --web-port needs a port number (0 to 65535)");
+
     const char* argv[] = {"pointlane", "--help"};
     auto help = CommandLine::parse(2, argv);
     ASSERT_TRUE(help.ok());

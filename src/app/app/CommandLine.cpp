@@ -51,6 +51,23 @@ CommandLineResult CommandLine::parse(const std::vector<std::string>& arguments) 
                 return failure("invalid port '" + value + "': expected a number from 0 to 65535");
             }
             options.port = *port;
+        } else if (argument == "--no-web") {
+            options.noWeb = true;
+        } else if (argument == "--web-port" || argument.rfind("--web-port=", 0) == 0) {
+            std::string value;
+            if (argument == "--web-port") {
+                if (i + 1 == arguments.size()) {
+                    return failure("option --web-port needs a port number (0 to 65535)");
+                }
+                value = arguments[++i];
+            } else {
+                value = argument.substr(std::string("--web-port=").size());
+            }
+            auto port = parsePort(value);
+            if (!port) {
+                return failure("invalid port '" + value + "': expected a number from 0 to 65535");
+            }
+            options.webPort = *port;
         } else if (argument.rfind("-", 0) == 0) {
             return failure("unknown option '" + argument + "'");
         } else {
@@ -74,7 +91,7 @@ CommandLineResult CommandLine::parse(int argc, const char* const* argv) {
 
 std::string CommandLine::helpText(const std::string& programName) {
     return "Usage: " + programName +
-           " [--headless] [--port N] [--monitor] [--help]\n"
+           " [--headless] [--port N] [--web-port N] [--no-web] [--monitor] [--help]\n"
            "\n"
            "Runs the Pointlane planning-poker server and advertises it on the local network.\n"
            "\n"
@@ -82,6 +99,9 @@ std::string CommandLine::helpText(const std::string& programName) {
            "  --headless  run without tray icon or windows (the default when no display is\n"
            "              available)\n"
            "  --port N    listen on TCP port N instead of 50000; 0 picks any free port\n"
+           "  --web-port N  serve the web table on TCP port N instead of 50080; 0 picks any\n"
+           "              free port\n"
+           "  --no-web    don't serve the web table\n"
            "  --monitor   open the monitor window at start\n"
            "  --help, -h  print this text and exit\n";
 }

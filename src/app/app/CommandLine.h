@@ -9,8 +9,8 @@ namespace pointlane {
 
 struct CommandLineResult;
 
-// The options the server is started with: `pointlane [--headless] [--port N] [--monitor]
-// [--help]`. A plain value; parsing has no side effects and is safe on any thread.
+// The options the server is started with: `pointlane [--headless] [--port N] [--web-port N]
+// [--no-web] [--monitor] [--help]`. A plain value; parsing has no side effects and is safe on any thread.
 class CommandLine {
   public:
     static constexpr std::uint16_t kDefaultPort = 50000;
@@ -19,6 +19,8 @@ class CommandLine {
     bool monitor = false;               // open the monitor window right after start
     bool help = false;                  // print the usage text and leave
     std::uint16_t port = kDefaultPort;  // 0 lets the system pick a free port
+    int webPort = 50080;                // the web table's port; 0 lets the system pick one
+    bool noWeb = false;                 // no web table
 
     // Parses the arguments that follow the program name.
     static CommandLineResult parse(const std::vector<std::string>& arguments);
