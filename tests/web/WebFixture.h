@@ -82,7 +82,9 @@ class Page {
             for (const auto& m : received) {
                 all += m.dump() + "\n";
             }
-            ADD_FAILURE() << "no such message; received:\n" << all;
+            ADD_FAILURE() << "no such message (page closed: " << closed << ", code " << closeCode
+                          << "); received:\n"
+                          << all;
             return json::object();
         }
         return found;
