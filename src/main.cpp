@@ -47,6 +47,8 @@ int main(int argc, char** argv) {
     options.port = commandLine.port;
     options.headless = commandLine.headless || !hasDisplay();
     options.monitor = commandLine.monitor;
+    options.web = commandLine.web;
+    options.webPort = commandLine.webPort;
 
     std::unique_ptr<QCoreApplication> application;
     if (options.headless) {

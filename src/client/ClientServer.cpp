@@ -89,13 +89,24 @@ void ClientServer::startReadersLocked() {
 void ClientServer::readLoop(std::shared_ptr<Socket> connection) {
     for (;;) {
         auto body = receiveFrame(*connection);
-        std::lock_guard lock(mutex_);
+        auto request = body ? Request::fromJson(*body) : std::nullopt;
+        if (request && options_.onNotification) {
+            // Outside the lock: the callback may take its time or call back into this object.
+            options_.onNotification(std::move(*request));
+            continue;
+        }
+        std::unique_lock lock(mutex_);
         if (!body) {
             ++closed_;
+            const bool stopping = stopping_;
             changed_.notify_all();
+            lock.unlock();
+            if (!stopping && options_.onClosed) {
+                options_.onClosed();
+            }
             return;
         }
-        if (auto request = Request::fromJson(*body)) {
+        if (request) {
             notifications_.push_back(std::move(*request));
             bodies_.push_back(std::move(*body));
         } else {

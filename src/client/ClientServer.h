@@ -15,7 +15,8 @@
 namespace pointlane {
 
 // A client's own server: listens on 127.0.0.1 on an ephemeral port, accepts the game
-// server's push connection and collects the notifications that arrive on it.
+// server's push connection and collects the notifications that arrive on it, or hands each one
+// to a callback as it arrives.
 //
 // Threading: thread safe. One thread accepts, one thread per accepted connection reads;
 // notifications(), waitFor() and the counters may be called from any thread. stop() (also
@@ -27,6 +28,12 @@ class ClientServer final {
         bool reads = true;
         // Above 0: the receive buffer size asked for on the accepted connections.
         int receiveBufferSize = 0;
+        // When set, each notification is handed to this callback on the reading thread instead
+        // of being collected (undecodable frames are still counted).
+        std::function<void(Request)> onNotification;
+        // When set, called on the reading thread when the server closes a push connection
+        // (not when stop() ends it).
+        std::function<void()> onClosed;
     };
 
     // nullptr when listening can't start.

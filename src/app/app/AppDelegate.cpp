@@ -1,7 +1,10 @@
 #include "app/AppDelegate.h"
 
 #include <QApplication>
+#include <QClipboard>
 #include <QCoreApplication>
+#include <QHostInfo>
+#include <QNetworkInterface>
 #include <QScreen>
 #include <chrono>
 #include <cstdio>
@@ -10,11 +13,14 @@
 #include <system_error>
 #include <thread>
 
+#include "WebServer.h"
 #include "app/DataFolderLock.h"
+#include "app/HistoryProvider.h"
 #include "app/SchemaLocation.h"
 #include "app/ServiceAdvertiser.h"
-#include "game/GameState.h"
 #include "game/GameHandlers.h"
+#include "game/GameState.h"
+#include "game/PlayerStore.h"
 #include "game/PokerThread.h"
 #include "game/RequestGate.h"
 #include "monitor/DataWindowController.h"
@@ -73,6 +79,7 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
 
 AppDelegate::~AppDelegate() {
     applicationWillTerminate();
+    webServer.reset();
     dataWindowController.reset();
     statusItem.reset();
 }
@@ -147,6 +154,7 @@ void AppDelegate::applicationDidFinishLaunching() {
                          "applicationDidFinishLaunching()", __LINE__);
 
     startBonjoure();
+    startWebTable();
 
     if (statusItem && options_.monitor) {
         statusDidCliecked();
@@ -184,7 +192,72 @@ void AppDelegate::startBonjoure() {
     bonjoureService->publish();
 }
 
+void AppDelegate::startWebTable() {
+    if (!options_.web || servedPort() == 0) {
+        return;
+    }
+    WebServer::Options web;
+    web.port = options_.webPort;
+    web.gateway.gamePort = servedPort();
+    // The join page offers to start a game only while no administrator is at the table.
+    web.gateway.currentGame = []() -> std::optional<std::string> {
+        auto& store = PlayerStore::shared();
+        if (!store.existsAdmin()) {
+            return std::nullopt;
+        }
+        return store.gameName().value_or("");
+    };
+    // The history page reads the database file on its own, read-only connection.
+    web.history = historySourceFor(databasePath_);
+    webServer = std::make_unique<WebServer>(std::move(web));
+    if (webServer->start() == 0) {
+        pointlane::tr().info(kSubject,
+                              "Can't serve the web table on port " +
+                                  std::to_string(options_.webPort),
+                              "startWebTable()", __LINE__);
+        webServer.reset();
+        return;
+    }
+    pointlane::tr().info(kSubject,
+                         "Web table on port " + std::to_string(webPort()) + ": " +
+                             joinLinks().join(QStringLiteral(" ")).toStdString(),
+                         "startWebTable()", __LINE__);
+    webService = std::make_unique<ServiceAdvertiser>(kServiceDomain, kWebServiceType, kServiceName,
+                                                     static_cast<std::uint16_t>(webPort()));
+    webService->publish();
+    if (statusItem) {
+        statusItem->addAction(QString::fromLatin1(kCopyLinkTitle), [this] {
+            if (QClipboard* clipboard = QGuiApplication::clipboard()) {
+                clipboard->setText(joinLinks().join(QLatin1Char('\n')));
+            }
+        });
+    }
+}
+
+int AppDelegate::webPort() const {
+    return webServer ? webServer->port() : 0;
+}
+
+QStringList AppDelegate::joinLinks() const {
+    QStringList links;
+    if (webPort() == 0) {
+        return links;
+    }
+    links << WebServer::joinLink(QHostInfo::localHostName() + QStringLiteral(".local"), webPort());
+    for (const QHostAddress& address : QNetworkInterface::allAddresses()) {
+        if (address.protocol() == QAbstractSocket::IPv4Protocol && !address.isLoopback()) {
+            links << WebServer::joinLink(address.toString(), webPort());
+            break;
+        }
+    }
+    return links;
+}
+
 void AppDelegate::applicationWillTerminate() {
+    if (webService) {
+        webService->stop();
+        webService.reset();
+    }
     if (bonjoureService) {
         bonjoureService->stop();
         bonjoureService.reset();

@@ -17,6 +17,7 @@ class DataFolderLock;
 class DataWindowController;
 class ServiceAdvertiser;
 class StatusItem;
+class WebServer;
 
 // Owns everything that lives as long as the process: the database location, the listener,
 // the service advertisement and (with a desktop) the tray item and the monitor window.
@@ -43,6 +44,9 @@ class AppDelegate final : public QObject,
 
   public:
     static constexpr int kDefaultPort = 50000;
+    static constexpr int kDefaultWebPort = 50080;
+    static constexpr const char* kWebServiceType = "_http._tcp";
+    static constexpr const char* kCopyLinkTitle = "Copy join link";
     static constexpr const char* kServiceDomain = "local.";
     static constexpr const char* kServiceType = "_pointlane._tcp";
     static constexpr const char* kServiceName = "Pointlane";
@@ -53,6 +57,8 @@ class AppDelegate final : public QObject,
         int port = kDefaultPort;  // 0: any free port
         bool headless = true;     // no tray item, no windows
         bool monitor = false;     // open the monitor window at start (desktop mode)
+        bool web = true;          // serve the web table
+        int webPort = kDefaultWebPort;  // 0: any free port
     };
 
     // Makes the database folder ($HOME/.Pointlane), locks it and fixes the database path; a
@@ -77,6 +83,10 @@ class AppDelegate final : public QObject,
     const std::string& databasePath() const { return databasePath_; }
     // The port actually listened on; 0 until listening started (or when it failed).
     int servedPort() const;
+    // The web table's port; 0 when it is off or could not start.
+    int webPort() const;
+    // The links players open: http://<host name>.local:<port>/ and the IPv4 address form.
+    QStringList joinLinks() const;
 
   public slots:
     // Tray menu: show the monitor window. While one is open (or closed less than 0.1 s ago)
@@ -105,6 +115,7 @@ class AppDelegate final : public QObject,
     // The listener couldn't start: says so (on standard output, and in the tray when there is
     // one), closes the database and ends the event loop with status 1; nothing is advertised.
     void cantServe();
+    void startWebTable();
     // Ends the event loop with status; main() then withdraws the advertisement and exits.
     static void terminate(int status);
 
@@ -113,6 +124,9 @@ class AppDelegate final : public QObject,
     std::string databasePath_;
     std::shared_ptr<Server> server;
     std::unique_ptr<ServiceAdvertiser> bonjoureService;
+    // The web table and its advertisement (unless turned off).
+    std::unique_ptr<WebServer> webServer;
+    std::unique_ptr<ServiceAdvertiser> webService;
     // Desktop mode only.
     std::unique_ptr<StatusItem> statusItem;
     // The monitor window's controller while the window is open (desktop mode).

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "web/HistorySource.h"
+#include "HistorySource.h"
 
 namespace pointlane {
 

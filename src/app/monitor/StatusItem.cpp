@@ -41,6 +41,17 @@ StatusItem::~StatusItem() {
     trayIcon_.hide();
 }
 
+QAction* StatusItem::addAction(const QString& title, std::function<void()> action) {
+    auto* item = new QAction(title, &menu_);
+    menu_.insertAction(quitAction_, item);
+    connect(item, &QAction::triggered, this, [action = std::move(action)] {
+        if (action) {
+            action();
+        }
+    });
+    return item;
+}
+
 void StatusItem::setToolTip(const QString& toolTip) {
     trayIcon_.setToolTip(toolTip);
 }

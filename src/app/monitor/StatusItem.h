@@ -27,6 +27,8 @@ class StatusItem final : public QObject {
     ~StatusItem() override;
 
     void setToolTip(const QString& toolTip);
+    // Adds a menu item above "Quit Pointlane" that calls action when chosen.
+    QAction* addAction(const QString& title, std::function<void()> action);
     // Sets the icon and the menu and shows the item. Without a status area it prints one
     // line on standard output and the application goes on without it; returns whether shown.
     bool show();
