@@ -3,10 +3,15 @@
 whole game against the real server, then the stored rows are checked.
 
 usage: browser_test.py POINTLANE_BINARY
+Two items are played; before the administrator ends the game the history page is read in one of
+the browsers, and its CSV and JSON downloads are parsed and checked against what was played.
 Exit 77 (skipped) only when Chromium can't start. With POINTLANE_SCREENSHOTS=<folder> the join
-page and the opened table are saved there as web-join.png and web-table.png.
+page, the opened table and the history page are saved there as web-join.png, web-table.png and
+history-page.png.
 """
 import base64
+import csv
+import io
 import json
 import os
 import re
@@ -18,6 +23,7 @@ import sys
 import tempfile
 import threading
 import time
+import urllib.request
 
 SKIP = 77
 TIMEOUT = 15
@@ -168,6 +174,91 @@ class Page:
         return [entry for entry in self.d.get_log("browser") if entry["level"] == "SEVERE"]
 
 
+def fetch(url):
+    with urllib.request.urlopen(url, timeout=10) as answer:
+        assert answer.status == 200, (url, answer.status)
+        return answer.read().decode("utf-8")
+
+
+def check_history(page, web_port, shots, played):
+    """Reads the history page in a new tab of page's browser, then its downloads. played lists the
+    deals newest first as (name, sorted (player, card) pairs, displayed (count, average, median,
+    minimum, maximum), consensus)."""
+    base = "http://127.0.0.1:%d" % web_port
+
+    # The cards reach the database after the open; wait until the export holds all of them.
+    def stored():
+        games = json.loads(fetch(base + "/history.json"))["games"]
+        return games and sum(len(d["elections"]) for d in games[0]["deals"]) == \
+            sum(len(p[1]) for p in played)
+    wait_for(stored, "every played card in /history.json")
+    table_tab = page.d.current_window_handle
+    page.d.switch_to.new_window("tab")
+    page.d.get(base + "/history")
+    wait_for(lambda: page.all("details.game[data-game-id] li.deal[data-deal-id]"), "the history's deals")
+    games = page.all("details.game[data-game-id]")
+    assert len(games) == 1 and games[0].get_attribute("open") is not None, len(games)
+    game = games[0]
+    assert game.find_element("css selector", ".game-name").text == "Sprint 12"
+    assert game.find_element("css selector", ".game-admin").text == "Ann"
+    assert game.find_element("css selector", ".game-summary").text == "2 deals, 1 with consensus"
+    shown = []
+    for deal in game.find_elements("css selector", "li.deal[data-deal-id]"):
+        def texts(selector):
+            return [e.text for e in deal.find_elements("css selector", selector)]
+        shown.append((texts(".deal-name")[0],
+                      sorted(zip(texts(".card-player"), texts(".card-symbol"))),
+                      tuple(texts("dd." + n)[0] for n in ("count", "average", "median", "minimum", "maximum")),
+                      texts(".consensus") == ["Consensus"]))
+    assert shown == played, shown
+    ids = [int(d.get_attribute("data-deal-id")) for d in game.find_elements("css selector", "li.deal")]
+    assert ids == sorted(ids, reverse=True), ids
+    game_id = game.get_attribute("data-game-id")
+    game_date = game.find_element("css selector", "time.game-date").get_attribute("datetime")
+    if shots:
+        page.d.save_screenshot(os.path.join(shots, "history-page.png"))
+
+    # The downloads the page links to: everything, and this one game (the same here).
+    links = {name: page.el(name).get_attribute("href")
+             for name in ("#all-csv", "#all-json", ".download-csv", ".download-json")}
+    assert links[".download-csv"] == base + "/history.csv?game=" + game_id, links
+    assert links[".download-json"] == base + "/history.json?game=" + game_id, links
+    errors = page.errors()
+    assert not errors, errors
+    assert "error" not in page.el("#status").get_attribute("class")
+    page.d.close()
+    page.d.switch_to.window(table_tab)
+
+    text = fetch(links["#all-csv"])
+    assert fetch(links[".download-csv"]) == text
+    rows = list(csv.reader(io.StringIO(text, newline="")))
+    assert rows[0] == ["game", "date", "administrator", "deal", "player", "card", "cards", "numeric cards",
+                       "average", "median", "minimum", "maximum", "consensus"], rows[0]
+    document = json.loads(fetch(links["#all-json"]))
+    assert json.loads(fetch(links[".download-json"])) == document
+    assert [g["name"] for g in document["games"]] == ["Sprint 12"], document
+    stored_game = document["games"][0]
+    assert (str(stored_game["id"]), stored_game["administrator"], stored_game["statistics"]) == \
+        (game_id, "Ann", {"deals": 2, "consensusDeals": 1}), stored_game
+    assert stored_game["date"] == game_date, (stored_game["date"], game_date)
+    assert {tuple(r[:3]) for r in rows[1:]} == {("Sprint 12", game_date, "Ann")}, rows
+    numbers = {"Search box": (4, 3, 3, 3, 3, 3), "Login page": (4, 4, 7.75, 6.5, 5, 13)}
+    assert sorted(d["name"] for d in stored_game["deals"]) == sorted(p[0] for p in played)
+    for name, cards, _, consensus in played:
+        deal = next(d for d in stored_game["deals"] if d["name"] == name)
+        assert sorted((e["player"], e["card"]) for e in deal["elections"]) == cards, deal
+        s = deal["statistics"]
+        assert sorted(s["cards"]) == sorted(c for _, c in cards), s
+        assert (s["count"], s["numericCount"], s["average"], s["median"], s["minimum"], s["maximum"],
+                s["consensus"]) == numbers[name] + (consensus,), s
+        deal_rows = [r for r in rows[1:] if r[3] == name]
+        assert sorted((r[4], r[5]) for r in deal_rows) == cards, deal_rows
+        for r in deal_rows:
+            assert [float(v) for v in r[6:12]] == list(numbers[name]) and \
+                r[12] == ("true" if consensus else "false"), r
+    assert len(rows) == 1 + sum(len(p[1]) for p in played), rows
+
+
 def main():
     binary = sys.argv[1]
     shots = os.environ.get("POINTLANE_SCREENSHOTS")
@@ -239,6 +330,27 @@ def main():
             for page in (ann, bob, cid):
                 assert not page.errors(), page.errors()
 
+            # A second item: a "?" counts as a card but not as a number, the other three agree.
+            ann.type_into("#title", "Search box")
+            ann.el("#deal").click()
+            for page in (ann, bob, cid):
+                page.wait_text("#item", "Search box")
+                page.wait_text("#played", "0")
+            for page, card in ((ann, "3"), (bob, "?"), (cid, "3")):
+                page.el('#deck [data-card="%s"]' % card).click()
+            assert native.request(4)["code"] == 0
+            ann.wait_text("#played", "4")
+            ann.el("#open").click()
+            wait_for(lambda: native.codes().count(5) == 2, "the second openCards")
+            assert native.request(8, {"player_name": "Nat", "symbol": "3"})["code"] == 0
+            second = [("Ann", "3"), ("Bob", "?"), ("Cid", "3"), ("Nat", "3")]
+            for page in (ann, bob, cid):
+                wait_for(lambda: page.cards() == second, "the second deal's cards")
+                assert (page.text("#average"), page.text("#median"), page.text("#consensus")) == \
+                    ("3", "3", "Yes"), (page.text("#average"), page.text("#median"))
+            check_history(cid, web_port, shots, [("Search box", second, ("4", "3", "3", "3", "3"), True),
+                                                 ("Login page", expected, ("4", "7.75", "6.5", "5", "13"), False)])
+
             # The administrator ends the game; every page says so and the server ends.
             ann.el("#leave").click()
             ann.wait_text("#ended-text", "You ended the game. The server is closing.")
@@ -252,11 +364,12 @@ def main():
             games = db.execute("SELECT id, name, admin FROM Game").fetchall()
             assert [(g[1], g[2]) for g in games] == [("Sprint 12", "Ann")], games
             deals = db.execute("SELECT id, name FROM Deal WHERE gameId = ?", (games[0][0],)).fetchall()
-            assert [d[1] for d in deals] == ["Login page"], deals
-            elections = sorted(db.execute("SELECT playerName, symbol FROM Election WHERE dealId = ?",
-                                          (deals[0][0],)).fetchall())
-            assert elections == expected, elections
-            print("browser game passed: 3 browsers, 1 native client, %d elections stored" % len(elections))
+            assert sorted(d[1] for d in deals) == ["Login page", "Search box"], deals
+            for deal_id, name in deals:
+                elections = sorted(db.execute("SELECT playerName, symbol FROM Election WHERE dealId = ?",
+                                              (deal_id,)).fetchall())
+                assert elections == (expected if name == "Login page" else second), (name, elections)
+            print("browser game passed: 3 browsers, 1 native client, 2 deals, history page and downloads")
             return 0
         finally:
             for driver in drivers:
