@@ -187,8 +187,8 @@ TEST_F(MonitorWindowTest, RendersBothPagesWithSampleData) {
     PlayersTable& players = *controller.stackedView->playersTable;
     players.tableView->selectRow(1);
     settle();
-    const QString dir = QStringLiteral(POINTLANE_BINARY_DIR);
-    ASSERT_TRUE(controller.grab().save(dir + QStringLiteral("/monitor-players.png")));
+    const QString pictures = QStringLiteral(POINTLANE_BINARY_DIR);
+    ASSERT_TRUE(controller.grab().save(pictures + QStringLiteral("/monitor-players.png")));
 
     QTest::mouseClick(controller.pageControl->segment(1), Qt::LeftButton);
     HistoryView& history = *controller.stackedView->historyView;
@@ -196,7 +196,7 @@ TEST_F(MonitorWindowTest, RendersBothPagesWithSampleData) {
     settle();
     ASSERT_EQ(history.dealTable->tableView->numberOfRows(), 3);
     ASSERT_EQ(history.electionTable->tableView->numberOfRows(), 4);
-    ASSERT_TRUE(controller.grab().save(dir + QStringLiteral("/monitor-history.png")));
+    ASSERT_TRUE(controller.grab().save(pictures + QStringLiteral("/monitor-history.png")));
 }
 
 }  // namespace

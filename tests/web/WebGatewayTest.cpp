@@ -34,7 +34,7 @@ TEST_F(WebFixture, JoinRefusalsComeInTheServersOrderAndShareTheFiveLogins) {
     // Ann, the three refusals and one native player: five logins.
     TestPlayer native = connectPlayer(*server);
     ASSERT_EQ(native.client->loginPlayer("Nat", native.clientServer->port())->code, 0);
-    ann.waitForTable([](const json& t) { return hasPlayer(t, "Nat"); });
+    ann.waitForTable([](const json& table) { return hasPlayer(table, "Nat"); });
     early.send({{"type", "join"}, {"name", "Bob"}});
     EXPECT_EQ(early.waitForError(), "Five players are already at the table.");
     TestPlayer late = connectPlayer(*server);
@@ -43,7 +43,7 @@ TEST_F(WebFixture, JoinRefusalsComeInTheServersOrderAndShareTheFiveLogins) {
 
     // A native logout frees a count, which a page takes.
     ASSERT_EQ(native.client->logout()->code, 0);
-    ann.waitForTable([](const json& t) { return !hasPlayer(t, "Nat"); });
+    ann.waitForTable([](const json& table) { return !hasPlayer(table, "Nat"); });
     early.send({{"type", "join"}, {"name", "Bob"}});
     const json bob = early.waitForTable([](const json&) { return true; });
     EXPECT_EQ(bob["you"], "Bob");
@@ -57,22 +57,22 @@ TEST_F(WebFixture, PagesFollowAllSixNotificationsAndElectTheirOwnPicks) {
     ASSERT_EQ(native.client->loginPlayer("Nat", native.clientServer->port())->code, 0);
     Page& bob = seated("Bob");
     EXPECT_TRUE(
-        hasPlayer(ann.waitForTable([](const json& t) { return hasPlayer(t, "Bob"); }), "Nat"));
+        hasPlayer(ann.waitForTable([](const json& table) { return hasPlayer(table, "Bob"); }), "Nat"));
 
     ASSERT_EQ(native.client->initNewDeal("Login page")->code, 0);
     for (Page* p : {&ann, &bob}) {
-        const json t = p->waitForTable([](const json& t) { return t["item"] == "Login page"; });
+        const json t = p->waitForTable([](const json& table) { return table["item"] == "Login page"; });
         EXPECT_EQ(t["played"], 0);
         EXPECT_FALSE(t["opened"]);
     }
     ann.send({{"type", "play"}, {"card", "5"}});
-    bob.waitForTable([](const json& t) { return t["played"] == 1; });
+    bob.waitForTable([](const json& table) { return table["played"] == 1; });
     // Changing the pick before the cards open is no second play.
     ann.send({{"type", "play"}, {"card", "1/2"}});
-    ann.waitForTable([](const json& t) { return t["pick"] == "1/2"; });
+    ann.waitForTable([](const json& table) { return table["pick"] == "1/2"; });
     bob.send({{"type", "play"}, {"card", "coffee"}});
     ASSERT_EQ(native.client->play()->code, 0);
-    ann.waitForTable([](const json& t) { return t["played"] == 3; });
+    ann.waitForTable([](const json& table) { return table["played"] == 3; });
     EXPECT_TRUE(native.clientServer->waitFor([](const std::vector<Request>& got) {
         return std::count_if(got.begin(), got.end(),
                              [](const Request& r) { return r.request == RequestCode::play; }) == 3;
@@ -81,7 +81,7 @@ TEST_F(WebFixture, PagesFollowAllSixNotificationsAndElectTheirOwnPicks) {
     ASSERT_EQ(native.client->openCards()->code, 0);
     ASSERT_EQ(native.client->cardElected("Nat", "13")->code, 0);
     for (Page* p : {&ann, &bob}) {
-        const json t = p->waitForTable([](const json& t) { return t["cards"].size() == 3; });
+        const json t = p->waitForTable([](const json& table) { return table["cards"].size() == 3; });
         EXPECT_TRUE(t["opened"]);
         std::map<std::string, std::string> cards;
         for (const auto& c : t["cards"]) {
@@ -100,7 +100,7 @@ TEST_F(WebFixture, PagesFollowAllSixNotificationsAndElectTheirOwnPicks) {
     EXPECT_EQ(ann.waitForError(), "The cards are already open.");
 
     ASSERT_EQ(native.client->logout()->code, 0);
-    bob.waitForTable([](const json& t) { return !hasPlayer(t, "Nat") && hasPlayer(t, "Ann"); });
+    bob.waitForTable([](const json& table) { return !hasPlayer(table, "Nat") && hasPlayer(table, "Ann"); });
 
     // The administrator's page ends the game; every page says so.
     ann.send({{"type", "leave"}});
@@ -115,9 +115,9 @@ TEST_F(WebFixture, AReturningTabTakesItsSeatBackWithinTheGraceAndLosesItAfter) {
     Page& bob = seated("Bob");
     bob.send({{"type", "deal"}, {"title", "  Search box  "}});
     ann.waitForTable(
-        [](const json& t) { return t["item"] == "  Search box  " || t["item"] == "Search box"; });
+        [](const json& table) { return table["item"] == "  Search box  " || table["item"] == "Search box"; });
     bob.send({{"type", "play"}, {"card", "3"}});
-    ann.waitForTable([](const json& t) { return t["played"] == 1; });
+    ann.waitForTable([](const json& table) { return table["played"] == 1; });
     bob.close();
 
     // A reload: the same tab within the grace gets the seat and the table as it is.
@@ -132,12 +132,12 @@ TEST_F(WebFixture, AReturningTabTakesItsSeatBackWithinTheGraceAndLosesItAfter) {
     // The same tab opened again while its page is still there: the newer page wins.
     Page& third = page("Bob");
     third.hello();
-    third.waitForTable([](const json& t) { return t["you"] == "Bob"; });
+    third.waitForTable([](const json& table) { return table["you"] == "Bob"; });
     EXPECT_TRUE(spinUntil([&] { return again.closed; }));
 
     // Gone for longer than the grace: the seat logs out and the others see it go.
     third.close();
-    ann.waitForTable([](const json& t) { return !hasPlayer(t, "Bob"); });
+    ann.waitForTable([](const json& table) { return !hasPlayer(table, "Bob"); });
     EXPECT_EQ(InProcessServer::loginCount(), 1);
     Page& later = page("Bob");
     later.hello();
@@ -194,7 +194,7 @@ TEST_F(WebFixture, MalformedMessagesGetASentenceAndNeverReachTheGame) {
     EXPECT_TRUE(spinUntil([&] { return flood.closed; }));
     EXPECT_EQ(flood.closeCode, QWebSocketProtocol::CloseCodePolicyViolated);
     p.send({{"type", "deal"}, {"title", "Still here"}});
-    EXPECT_EQ(p.waitForTable([](const json& t) { return t["item"] == "Still here"; })["item"],
+    EXPECT_EQ(p.waitForTable([](const json& table) { return table["item"] == "Still here"; })["item"],
               "Still here");
 }
 
@@ -249,7 +249,7 @@ TEST_F(SlowPageTest, APageThatStopsReadingIsDroppedAndItsSeatLogsOutWhileOthersG
     RawPage slow(port);
     slow.send(json({{"type", "hello"}, {"tab", tabOf("slow")}}).dump());
     slow.send(json({{"type", "join"}, {"name", "Slow"}}).dump());
-    ann.waitForTable([](const json& t) { return hasPlayer(t, "Slow"); });
+    ann.waitForTable([](const json& table) { return hasPlayer(table, "Slow"); });
 
     const auto removed = [&](const std::vector<Request>& got) {
         return std::any_of(got.begin(), got.end(), [](const Request& r) {

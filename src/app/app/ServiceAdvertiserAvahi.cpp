@@ -33,11 +33,12 @@ void printLine(const std::string& line) {
 // or locked (publish/stop), so the Avahi handles need no lock of their own; what state() and
 // registeredName() read is copied under stateMutex.
 struct ServiceAdvertiser::Impl {
-    Impl(std::string domain, std::string type, std::string name, std::uint16_t port)
-        : domain(std::move(domain)),
-          type(std::move(type)),
-          requestedName(std::move(name)),
-          port(port) {}
+    Impl(std::string serviceDomain, std::string serviceType, std::string serviceName,
+         std::uint16_t servicePort)
+        : domain(std::move(serviceDomain)),
+          type(std::move(serviceType)),
+          requestedName(std::move(serviceName)),
+          port(servicePort) {}
 
     const std::string domain;
     const std::string type;

@@ -6,8 +6,8 @@
 
 namespace pointlane {
 
-Player::Player(std::string name, bool isAdmin, std::shared_ptr<Socket> clientSocket)
-    : name(std::move(name)), isAdmin(isAdmin), clientSocket(std::move(clientSocket)) {}
+Player::Player(std::string playerName, bool admin, std::shared_ptr<Socket> pushSocket)
+    : name(std::move(playerName)), isAdmin(admin), clientSocket(std::move(pushSocket)) {}
 
 Player::~Player() {
     if (clientSocket) {

@@ -16,7 +16,7 @@ namespace pointlane {
 // never interleave (see PlayerStore).
 class Player final {
   public:
-    Player(std::string name, bool isAdmin, std::shared_ptr<Socket> clientSocket);
+    Player(std::string playerName, bool admin, std::shared_ptr<Socket> pushSocket);
     ~Player();
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;

@@ -11,8 +11,8 @@ namespace pointlane {
 
 LoginCounter PokerThread::counter;
 
-PokerThread::PokerThread(std::shared_ptr<Socket> socket, Handlers handlers)
-    : ServerThread(std::move(socket)), RequestHandlers(std::move(handlers)) {
+PokerThread::PokerThread(std::shared_ptr<Socket> connection, Handlers handlers)
+    : ServerThread(std::move(connection)), RequestHandlers(std::move(handlers)) {
     // playerAdded and playerRemoved only ever travel from the server to clients' servers, so
     // they have no entry and get no answer.
     call = {

@@ -37,7 +37,7 @@ class PokerThread final : public ServerThread, public RequestHandlers {
     using Handlers = RequestHandlers;
 
     // A connection served by the given handlers.
-    PokerThread(std::shared_ptr<Socket> socket, Handlers handlers);
+    PokerThread(std::shared_ptr<Socket> connection, Handlers handlers);
 
     void run() override;
 

@@ -10,8 +10,8 @@ namespace pointlane {
 
 class NotificationCenter::Registration {
 public:
-    Registration(std::string name, std::function<void()> block)
-        : name(std::move(name)), block(std::move(block)) {}
+    Registration(std::string eventName, std::function<void()> observer)
+        : name(std::move(eventName)), block(std::move(observer)) {}
 
     const std::string name;
     const std::function<void()> block;

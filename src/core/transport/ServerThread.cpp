@@ -4,9 +4,9 @@
 
 namespace pointlane {
 
-ServerThread::ServerThread(std::shared_ptr<Socket> socket) : socket(std::move(socket)) {
-    if (this->socket) {
-        clientAddress = this->socket->address();
+ServerThread::ServerThread(std::shared_ptr<Socket> connection) : socket(std::move(connection)) {
+    if (socket) {
+        clientAddress = socket->address();
     }
 }
 

@@ -16,7 +16,7 @@ class Server;
 // socket down. Owned by its connection thread once that thread has started.
 class ServerThread {
 public:
-    explicit ServerThread(std::shared_ptr<Socket> socket);
+    explicit ServerThread(std::shared_ptr<Socket> connection);
     virtual ~ServerThread();
     ServerThread(const ServerThread&) = delete;
     ServerThread& operator=(const ServerThread&) = delete;
