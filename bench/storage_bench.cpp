@@ -48,7 +48,8 @@ class QueueSide {
   public:
     explicit QueueSide(const std::string& path) {
         sqlm().setSchemaPath(
-            (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "Schema.sql").string());
+            (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "Schema.sql")
+                .string());
         if (!sqlm().create(path)) {
             std::fprintf(stderr, "can't create %s\n", path.c_str());
             std::exit(1);

@@ -124,7 +124,8 @@ TEST(CommandLineTest, ReadsTheWebOptionsTheExportSubcommandAndTheVersion) {
     const Bad bad[] = {
         {{"--web-port", "x"}, "invalid web port 'x': expected a number from 0 to 65535"},
         {{"--web-port"}, "option --web-port needs a port number (0 to 65535)"},
-        {{"--no-web", "--web-port", "1"}, "options --no-web and --web-port cannot be used together"},
+        {{"--no-web", "--web-port", "1"},
+         "options --no-web and --web-port cannot be used together"},
         {{"--no-web=yes"}, "option --no-web takes no value"},
         {{"--verbose=1"}, "unknown option '--verbose'"},
         {{"export", "--format", "xml"}, "invalid format 'xml': expected csv or json"},

@@ -9,7 +9,8 @@
 namespace pointlane::testkit {
 
 TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pointlane-test-XXXXXX").string();
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "pointlane-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed");
     }
@@ -32,7 +33,9 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
-void ManualMainQueue::async(std::function<void()> block) { after(0, std::move(block)); }
+void ManualMainQueue::async(std::function<void()> block) {
+    after(0, std::move(block));
+}
 
 void ManualMainQueue::after(double seconds, std::function<void()> block) {
     const auto due = std::chrono::steady_clock::now() +
@@ -84,6 +87,8 @@ ScopedManualMainQueue::ScopedManualMainQueue() : queue_(std::make_shared<ManualM
     MainQueue::install(queue_);
 }
 
-ScopedManualMainQueue::~ScopedManualMainQueue() { MainQueue::install(nullptr); }
+ScopedManualMainQueue::~ScopedManualMainQueue() {
+    MainQueue::install(nullptr);
+}
 
 }  // namespace pointlane::testkit

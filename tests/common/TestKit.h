@@ -14,7 +14,7 @@ namespace pointlane::testkit {
 
 // A fresh temporary folder, removed with everything in it when the object goes.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -23,7 +23,7 @@ public:
     const std::filesystem::path& path() const { return path_; }
     std::string file(const std::string& name) const { return (path_ / name).string(); }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
@@ -34,7 +34,7 @@ bool waitUntil(const std::function<bool()>& condition,
 // A main queue that the test drives: blocks run only when the test thread (standing in for the
 // main thread) calls runDue() or runUntil(). Thread safe for async()/after().
 class ManualMainQueue final : public MainQueue {
-public:
+  public:
     void async(std::function<void()> block) override;
     void after(double seconds, std::function<void()> block) override;
 
@@ -46,7 +46,7 @@ public:
     // Blocks queued and not yet run.
     std::size_t pending() const;
 
-private:
+  private:
     struct Item {
         std::chrono::steady_clock::time_point due;
         std::function<void()> block;
@@ -57,13 +57,13 @@ private:
 
 // Installs a ManualMainQueue for the life of the object and removes it afterwards.
 class ScopedManualMainQueue {
-public:
+  public:
     ScopedManualMainQueue();
     ~ScopedManualMainQueue();
     ManualMainQueue& operator*() { return *queue_; }
     ManualMainQueue* operator->() { return queue_.get(); }
 
-private:
+  private:
     std::shared_ptr<ManualMainQueue> queue_;
 };
 

@@ -56,12 +56,13 @@ TEST_F(WebFixture, PagesFollowAllSixNotificationsAndElectTheirOwnPicks) {
     TestPlayer native = connectPlayer(*server);
     ASSERT_EQ(native.client->loginPlayer("Nat", native.clientServer->port())->code, 0);
     Page& bob = seated("Bob");
-    EXPECT_TRUE(
-        hasPlayer(ann.waitForTable([](const json& table) { return hasPlayer(table, "Bob"); }), "Nat"));
+    EXPECT_TRUE(hasPlayer(
+        ann.waitForTable([](const json& table) { return hasPlayer(table, "Bob"); }), "Nat"));
 
     ASSERT_EQ(native.client->initNewDeal("Login page")->code, 0);
     for (Page* p : {&ann, &bob}) {
-        const json t = p->waitForTable([](const json& table) { return table["item"] == "Login page"; });
+        const json t =
+            p->waitForTable([](const json& table) { return table["item"] == "Login page"; });
         EXPECT_EQ(t["played"], 0);
         EXPECT_FALSE(t["opened"]);
     }
@@ -81,7 +82,8 @@ TEST_F(WebFixture, PagesFollowAllSixNotificationsAndElectTheirOwnPicks) {
     ASSERT_EQ(native.client->openCards()->code, 0);
     ASSERT_EQ(native.client->cardElected("Nat", "13")->code, 0);
     for (Page* p : {&ann, &bob}) {
-        const json t = p->waitForTable([](const json& table) { return table["cards"].size() == 3; });
+        const json t =
+            p->waitForTable([](const json& table) { return table["cards"].size() == 3; });
         EXPECT_TRUE(t["opened"]);
         std::map<std::string, std::string> cards;
         for (const auto& c : t["cards"]) {
@@ -100,7 +102,8 @@ TEST_F(WebFixture, PagesFollowAllSixNotificationsAndElectTheirOwnPicks) {
     EXPECT_EQ(ann.waitForError(), "The cards are already open.");
 
     ASSERT_EQ(native.client->logout()->code, 0);
-    bob.waitForTable([](const json& table) { return !hasPlayer(table, "Nat") && hasPlayer(table, "Ann"); });
+    bob.waitForTable(
+        [](const json& table) { return !hasPlayer(table, "Nat") && hasPlayer(table, "Ann"); });
 
     // The administrator's page ends the game; every page says so.
     ann.send({{"type", "leave"}});
@@ -114,8 +117,9 @@ TEST_F(WebFixture, AReturningTabTakesItsSeatBackWithinTheGraceAndLosesItAfter) {
     Page& ann = seated("Ann", "Sprint");
     Page& bob = seated("Bob");
     bob.send({{"type", "deal"}, {"title", "  Search box  "}});
-    ann.waitForTable(
-        [](const json& table) { return table["item"] == "  Search box  " || table["item"] == "Search box"; });
+    ann.waitForTable([](const json& table) {
+        return table["item"] == "  Search box  " || table["item"] == "Search box";
+    });
     bob.send({{"type", "play"}, {"card", "3"}});
     ann.waitForTable([](const json& table) { return table["played"] == 1; });
     bob.close();
@@ -194,8 +198,9 @@ TEST_F(WebFixture, MalformedMessagesGetASentenceAndNeverReachTheGame) {
     EXPECT_TRUE(spinUntil([&] { return flood.closed; }));
     EXPECT_EQ(flood.closeCode, QWebSocketProtocol::CloseCodePolicyViolated);
     p.send({{"type", "deal"}, {"title", "Still here"}});
-    EXPECT_EQ(p.waitForTable([](const json& table) { return table["item"] == "Still here"; })["item"],
-              "Still here");
+    EXPECT_EQ(
+        p.waitForTable([](const json& table) { return table["item"] == "Still here"; })["item"],
+        "Still here");
 }
 
 // A page that reads nothing: a raw WebSocket client with a tiny receive window.

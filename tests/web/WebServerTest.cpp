@@ -75,8 +75,7 @@ TEST_F(WebServerTest, ServesThePageFromTheResourcesOnlyAndTheHistoryWhenThereIsO
     EXPECT_EQ(get("/stats.js").status, 200);
     EXPECT_EQ(get("/table.css").type, "text/css; charset=utf-8");
 
-    for (const QByteArray path :
-         {"/missing.js", "/web.qrc", "/.hidden.js", "/a/b.js", "/socket"}) {
+    for (const QByteArray path : {"/missing.js", "/web.qrc", "/.hidden.js", "/a/b.js", "/socket"}) {
         EXPECT_EQ(get(path).status, 404) << path.constData();
     }
     for (const QByteArray path : {"/../web/index.html", "/%2e%2e/web/table.js", "/..%2Ftable.js",

@@ -172,8 +172,7 @@ void AppDelegate::cantServe() {
     if (statusItem && statusItem->trayIcon().isVisible()) {
         // Long enough to be read before the item goes.
         statusItem->trayIcon().showMessage(QString::fromLatin1(kServiceName),
-                                           QString::fromStdString(line),
-                                           QSystemTrayIcon::Critical);
+                                           QString::fromStdString(line), QSystemTrayIcon::Critical);
         after(kCantServeMessageSeconds, [] { terminate(1); });
         return;
     }
@@ -211,10 +210,9 @@ void AppDelegate::startWebTable() {
     web.history = historySourceFor(databasePath_);
     webServer = std::make_unique<WebServer>(std::move(web));
     if (webServer->start() == 0) {
-        pointlane::tr().info(kSubject,
-                              "Can't serve the web table on port " +
-                                  std::to_string(options_.webPort),
-                              "startWebTable()", __LINE__);
+        pointlane::tr().info(
+            kSubject, "Can't serve the web table on port " + std::to_string(options_.webPort),
+            "startWebTable()", __LINE__);
         webServer.reset();
         return;
     }

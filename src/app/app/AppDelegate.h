@@ -54,10 +54,10 @@ class AppDelegate final : public QObject,
     static constexpr double kCantServeMessageSeconds = 5.0;
 
     struct Options {
-        int port = kDefaultPort;  // 0: any free port
-        bool headless = true;     // no tray item, no windows
-        bool monitor = false;     // open the monitor window at start (desktop mode)
-        bool web = true;          // serve the web table
+        int port = kDefaultPort;        // 0: any free port
+        bool headless = true;           // no tray item, no windows
+        bool monitor = false;           // open the monitor window at start (desktop mode)
+        bool web = true;                // serve the web table
         int webPort = kDefaultWebPort;  // 0: any free port
     };
 

@@ -7,8 +7,8 @@ namespace pointlane {
 struct ExportOptions {
     enum class Format { csv, json };
     Format format = Format::csv;
-    std::optional<std::int64_t> gameId;      // one game, or every game
-    std::optional<std::string> outputPath;   // a file, or standard output
+    std::optional<std::int64_t> gameId;     // one game, or every game
+    std::optional<std::string> outputPath;  // a file, or standard output
 };
 // Writes the stored history as asked; returns the process exit status.
 int exportHistory(const ExportOptions& options);

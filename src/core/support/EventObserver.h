@@ -11,7 +11,7 @@ namespace pointlane {
 // Mixin for a class that listens to change announcements. Blocks run on the posting thread.
 // The owner calls removeObservers() in its destructor, before anything the blocks use is gone.
 class EventObserver {
-public:
+  public:
     // Registers block for the event on the default centre and keeps the token. Registering the
     // same event twice gives two registrations and two calls per announcement.
     void registerEvent(Event event, std::function<void()> block);
@@ -20,7 +20,7 @@ public:
 
     std::vector<NotificationCenter::Token> observers;
 
-protected:
+  protected:
     EventObserver() = default;
     ~EventObserver() = default;
 };

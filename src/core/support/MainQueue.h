@@ -11,7 +11,7 @@ namespace pointlane {
 //
 // Thread safe: async() and after() may be called from any thread; blocks run on the main thread.
 class MainQueue {
-public:
+  public:
     virtual ~MainQueue() = default;
 
     // Runs block on the main thread as soon as the loop gets to it.

@@ -10,7 +10,9 @@ Mutex::Mutex(std::string name) : name_(std::move(name)) {
     pthread_mutex_init(&mutex_, nullptr);
 }
 
-Mutex::~Mutex() { pthread_mutex_destroy(&mutex_); }
+Mutex::~Mutex() {
+    pthread_mutex_destroy(&mutex_);
+}
 
 void Mutex::sync() {
     if (lock()) {

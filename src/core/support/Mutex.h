@@ -13,7 +13,7 @@ namespace pointlane {
 // Thread safe. A block passed to sync() must not call sync() on the same Mutex, directly or
 // through another operation: the lock is not recursive and the thread would block for ever.
 class Mutex final {
-public:
+  public:
     explicit Mutex(std::string name);
     ~Mutex();
     Mutex(const Mutex&) = delete;
@@ -38,7 +38,7 @@ public:
 
     const std::string& name() const { return name_; }
 
-private:
+  private:
     bool lock();
     void unlock();
 

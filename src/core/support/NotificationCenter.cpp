@@ -9,7 +9,7 @@
 namespace pointlane {
 
 class NotificationCenter::Registration {
-public:
+  public:
     Registration(std::string eventName, std::function<void()> observer)
         : name(std::move(eventName)), block(std::move(observer)) {}
 
@@ -50,7 +50,7 @@ public:
         });
     }
 
-private:
+  private:
     std::mutex mutex;
     std::condition_variable finished;
     std::vector<std::thread::id> running;  // guarded by mutex: threads inside block()

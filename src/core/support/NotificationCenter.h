@@ -16,7 +16,7 @@ namespace pointlane {
 // on another thread has finished, so the owner of the block may be destroyed right after it;
 // called from inside that registration's own block it does not wait (and does not deadlock).
 class NotificationCenter final {
-public:
+  public:
     class Registration;
     using Token = std::shared_ptr<Registration>;
 
@@ -31,7 +31,7 @@ public:
     void removeObserver(const Token& token);
     void post(const std::string& name);
 
-private:
+  private:
     std::mutex mutex_;
     std::vector<Token> registrations_;  // guarded by mutex_
 };

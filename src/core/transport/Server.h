@@ -11,17 +11,17 @@ class ServerThread;
 
 // Supplies the connection object for each accepted socket. Called on the listener thread.
 class ServerDelegate {
-public:
+  public:
     virtual std::shared_ptr<ServerThread> serverThread(std::shared_ptr<Socket> socket) = 0;
 
-protected:
+  protected:
     ~ServerDelegate() = default;
 };
 
 // Owns the listening socket and accepts connections for ever on the thread that calls
 // runOnPort(), starting one detached thread per connection.
 class Server final : public std::enable_shared_from_this<Server> {
-public:
+  public:
     // nullptr when the listening socket can't be created.
     static std::shared_ptr<Server> create(std::weak_ptr<ServerDelegate> delegate);
 
@@ -39,7 +39,7 @@ public:
     std::shared_ptr<Socket> socket;
     std::weak_ptr<ServerDelegate> delegate;
 
-private:
+  private:
     Server() = default;
     // Wraps one accepted descriptor and starts its connection thread, or drops it.
     void acceptConnection(int descriptor);

@@ -15,7 +15,7 @@ class Server;
 // One accepted connection, run on a thread of its own by the Server. Destruction shuts its
 // socket down. Owned by its connection thread once that thread has started.
 class ServerThread {
-public:
+  public:
     explicit ServerThread(std::shared_ptr<Socket> connection);
     virtual ~ServerThread();
     ServerThread(const ServerThread&) = delete;

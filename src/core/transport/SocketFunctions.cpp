@@ -290,9 +290,9 @@ namespace {
 int endpoint(int descriptor, bool local, unsigned* address, int* port) {
     sockaddr_in found{};
     socklen_t size = sizeof(found);
-    const int result =
-        local ? ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&found), &size)
-              : ::getpeername(descriptor, reinterpret_cast<sockaddr*>(&found), &size);
+    const int result = local
+                           ? ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&found), &size)
+                           : ::getpeername(descriptor, reinterpret_cast<sockaddr*>(&found), &size);
     if (result != 0 || found.sin_family != AF_INET) {
         return -1;
     }
