@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test: a normal build, an ASan+UBSan build
+# Installs what is missing, checks the format, builds, and runs every test: a normal build (with
+# the browser test and the Debian package test), an ASan+UBSan build
 # of everything, and a TSan build whose concurrency suites ("*ConcurrencyTest") are run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,6 +24,9 @@ build() {
 
 # Widget tests draw offscreen; nothing here needs a display.
 export QT_QPA_PLATFORM=offscreen
+
+echo "== format =="
+scripts/check-format.sh
 
 echo "== normal build =="
 build build
