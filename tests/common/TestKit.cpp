@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
 #include <thread>
@@ -33,11 +34,7 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
-void ManualMainQueue::async(std::function<void()> block) {
-    after(0, std::move(block));
-}
-
-void ManualMainQueue::after(double seconds, std::function<void()> block) {
+void DueBlocks::add(double seconds, std::function<void()> block) {
     const auto due = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                          std::chrono::duration<double>(seconds));
@@ -45,27 +42,44 @@ void ManualMainQueue::after(double seconds, std::function<void()> block) {
     items_.push_back({due, std::move(block)});
 }
 
+std::function<void()> DueBlocks::takeDue(std::chrono::steady_clock::duration* untilNext) {
+    auto next = std::chrono::steady_clock::duration::max();
+    std::lock_guard lock(mutex_);
+    const auto now = std::chrono::steady_clock::now();
+    for (auto it = items_.begin(); it != items_.end(); ++it) {
+        if (it->due <= now) {
+            std::function<void()> block = std::move(it->block);
+            items_.erase(it);
+            return block;
+        }
+        next = std::min(next, it->due - now);
+    }
+    if (untilNext != nullptr) {
+        *untilNext = next;
+    }
+    return nullptr;
+}
+
+std::size_t DueBlocks::size() const {
+    std::lock_guard lock(mutex_);
+    return items_.size();
+}
+
+void ManualMainQueue::async(std::function<void()> block) {
+    blocks_.add(0, std::move(block));
+}
+
+void ManualMainQueue::after(double seconds, std::function<void()> block) {
+    blocks_.add(seconds, std::move(block));
+}
+
 int ManualMainQueue::runDue() {
     int ran = 0;
-    for (;;) {
-        std::function<void()> block;
-        {
-            std::lock_guard lock(mutex_);
-            const auto now = std::chrono::steady_clock::now();
-            for (auto it = items_.begin(); it != items_.end(); ++it) {
-                if (it->due <= now) {
-                    block = std::move(it->block);
-                    items_.erase(it);
-                    break;
-                }
-            }
-        }
-        if (!block) {
-            return ran;
-        }
+    while (std::function<void()> block = blocks_.takeDue()) {
         block();
         ++ran;
     }
+    return ran;
 }
 
 bool ManualMainQueue::runUntil(const std::function<bool()>& condition,
@@ -79,8 +93,7 @@ bool ManualMainQueue::runUntil(const std::function<bool()>& condition,
 }
 
 std::size_t ManualMainQueue::pending() const {
-    std::lock_guard lock(mutex_);
-    return items_.size();
+    return blocks_.size();
 }
 
 ScopedManualMainQueue::ScopedManualMainQueue() : queue_(std::make_shared<ManualMainQueue>()) {

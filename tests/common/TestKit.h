@@ -31,6 +31,25 @@ class TempDir {
 bool waitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// Blocks waiting for their time, for the test main queues. Thread safe.
+class DueBlocks {
+  public:
+    // Files block to run seconds from now.
+    void add(double seconds, std::function<void()> block);
+    // Takes the first block whose time has come, or nothing; untilNext (when given) is then
+    // the time until the nearest later one, or max() when none waits.
+    std::function<void()> takeDue(std::chrono::steady_clock::duration* untilNext = nullptr);
+    std::size_t size() const;
+
+  private:
+    struct Item {
+        std::chrono::steady_clock::time_point due;
+        std::function<void()> block;
+    };
+    mutable std::mutex mutex_;
+    std::deque<Item> items_;  // guarded by mutex_
+};
+
 // A main queue that the test drives: blocks run only when the test thread (standing in for the
 // main thread) calls runDue() or runUntil(). Thread safe for async()/after().
 class ManualMainQueue final : public MainQueue {
@@ -47,12 +66,7 @@ class ManualMainQueue final : public MainQueue {
     std::size_t pending() const;
 
   private:
-    struct Item {
-        std::chrono::steady_clock::time_point due;
-        std::function<void()> block;
-    };
-    mutable std::mutex mutex_;
-    std::deque<Item> items_;  // guarded by mutex_
+    DueBlocks blocks_;
 };
 
 // Installs a ManualMainQueue for the life of the object and removes it afterwards.

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <QObject>
-#include <chrono>
-#include <deque>
+#include <atomic>
 #include <functional>
-#include <mutex>
 
+#include "TestKit.h"
 #include "support/MainQueue.h"
 
 namespace pointlane::testkit {
@@ -27,13 +26,8 @@ class QtTestMainQueue final : public QObject, public MainQueue {
     Q_INVOKABLE void runDue();
 
   private:
-    struct Item {
-        std::chrono::steady_clock::time_point due;
-        std::function<void()> block;
-    };
-    mutable std::mutex mutex_;
-    std::deque<Item> items_;  // guarded by mutex_
-    std::size_t ran_ = 0;     // guarded by mutex_
+    DueBlocks blocks_;
+    std::atomic<std::size_t> ran_{0};
 };
 
 }  // namespace pointlane::testkit
