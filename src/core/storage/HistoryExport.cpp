@@ -9,6 +9,19 @@ namespace pointlane {
 
 namespace {
 
+// Appends a JSON array's members, comma-separated, each written by appendOne.
+template <class Items, class AppendOne>
+void appendEach(std::string& out, const Items& items, AppendOne&& appendOne) {
+    bool first = true;
+    for (const auto& item : items) {
+        if (!first) {
+            out += ',';
+        }
+        first = false;
+        appendOne(item);
+    }
+}
+
 // Appends one CSV field, quoted only when it has to be.
 void appendField(std::string& out, std::string_view field) {
     if (field.find_first_of(",\"\r\n") == std::string_view::npos) {
@@ -104,12 +117,7 @@ void appendDeal(std::string& out, const DealHistory& deal) {
     }
     const RoundStatistics& s = deal.statistics;
     out += "],\"statistics\":{\"cards\":[";
-    for (std::size_t i = 0; i < s.cards.size(); ++i) {
-        if (i > 0) {
-            out += ',';
-        }
-        appendString(out, s.cards[i]);
-    }
+    appendEach(out, s.cards, [&](const std::string& card) { appendString(out, card); });
     out += "],\"count\":";
     out += std::to_string(s.count);
     out += ",\"numericCount\":";
@@ -173,12 +181,7 @@ std::string HistoryExport::json(const History& history) {
         out += ",\"consensusDeals\":";
         out += std::to_string(game.statistics.consensusDeals);
         out += "},\"deals\":[";
-        for (std::size_t d = 0; d < game.deals.size(); ++d) {
-            if (d > 0) {
-                out += ',';
-            }
-            appendDeal(out, game.deals[d]);
-        }
+        appendEach(out, game.deals, [&](const DealHistory& deal) { appendDeal(out, deal); });
         out += "]}";
     }
     out += "]}";
