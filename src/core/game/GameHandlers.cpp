@@ -26,10 +26,12 @@ namespace pointlane {
 
 namespace {
 
-// The request's data as a JSON object; nothing when there is no data or it is not an object.
-// Bytes that are not JSON print the serialisation line.
-std::optional<nlohmann::json> dataObject(const Request& request) {
-    auto value = ToolBox::fromJsonObject(request.data);
+// The request's data as a JSON object holding only the named members a handler reads; nothing
+// when there is no data or it is not an object. Bytes that are not JSON print the serialisation
+// line. Only what is read is built, so a hostile payload costs about its own size.
+std::optional<nlohmann::json> dataObject(const Request& request,
+                                         std::initializer_list<std::string_view> keys) {
+    auto value = ToolBox::fromJsonObject(request.data, keys);
     if (!value || !value->is_object()) {
         return std::nullopt;
     }
@@ -67,7 +69,7 @@ struct LoginData {
 
 // data(from:): every required value, or nothing.
 std::optional<LoginData> loginData(const Request& request, bool needsGameName) {
-    const auto object = dataObject(request);
+    const auto object = dataObject(request, {"player_name", "game_name", "client_server_port"});
     if (!object) {
         return std::nullopt;
     }
@@ -292,7 +294,7 @@ void GameHandlers::initNewDeal(const Request& request, const std::shared_ptr<Soc
         return;
     }
     const std::string& token = *request.token;
-    const auto object = dataObject(request);
+    const auto object = dataObject(request, {"title"});
     const auto title = object ? text(*object, "title") : std::nullopt;
     if (!title) {
         refuse(socket, AnswerMessage::invalidData, token);
@@ -339,7 +341,7 @@ void GameHandlers::cardElected(const Request& request, const std::shared_ptr<Soc
         return;
     }
     const std::string& token = *request.token;
-    const auto object = dataObject(request);
+    const auto object = dataObject(request, {"player_name", "symbol"});
     const auto playerName = object ? text(*object, "player_name") : std::nullopt;
     const auto symbol = object ? text(*object, "symbol") : std::nullopt;
     if (!playerName || !symbol) {

@@ -232,17 +232,36 @@ std::optional<Bytes> ToolBox::writeJson(const json& value, std::string& error) {
     }
 }
 
+namespace {
+
+// The serialisation line for a parse that failed.
+std::optional<json> reported(std::optional<json> value, const std::string& error) {
+    if (!value) {
+        std::printf("Serialization error: %s\n", error.c_str());
+        std::fflush(stdout);
+    }
+    return value;
+}
+
+}  // namespace
+
 std::optional<json> ToolBox::fromJsonObject(const std::optional<Bytes>& data) {
     if (!data) {
         return std::nullopt;
     }
     std::string error;
     std::optional<json> value = parseJson(*data, error);
-    if (!value) {
-        std::printf("Serialization error: %s\n", error.c_str());
-        std::fflush(stdout);
+    return reported(std::move(value), error);
+}
+
+std::optional<json> ToolBox::fromJsonObject(const std::optional<Bytes>& data,
+                                            std::initializer_list<std::string_view> keys) {
+    if (!data) {
+        return std::nullopt;
     }
-    return value;
+    std::string error;
+    std::optional<json> value = parseJsonMembers(*data, keys, error);
+    return reported(std::move(value), error);
 }
 
 std::optional<Bytes> ToolBox::toJsonObject(const std::optional<json>& container) {

@@ -34,6 +34,10 @@ class ToolBox final {
     // error), nested at most kMaxJsonDepth deep. Nothing for absent data; on a parse error
     // prints "Serialization error: <text>" and gives nothing.
     static std::optional<nlohmann::json> fromJsonObject(const std::optional<Bytes>& data);
+    // The same, keeping of an object only the scalar members named in keys (parseJsonMembers):
+    // a payload then costs what those members cost, however much else it holds.
+    static std::optional<nlohmann::json> fromJsonObject(
+        const std::optional<Bytes>& data, std::initializer_list<std::string_view> keys);
     // Compact JSON bytes. Nothing for an absent value; when the value can't be written (text
     // that is not UTF-8) prints "Serialization error: <text>" and gives nothing.
     static std::optional<Bytes> toJsonObject(const std::optional<nlohmann::json>& container);
