@@ -15,7 +15,7 @@ namespace {
 enum class Scope { serve, exportHistory, any };
 
 // One option as the parser and the help text see it.
-struct OptionSpec {
+struct OptionDefinition {
     std::string name;       // the long name, without dashes
     std::string shortName;  // one letter, or empty
     std::string valueName;  // empty for a flag
@@ -24,8 +24,8 @@ struct OptionSpec {
     Scope scope;
 };
 
-const std::vector<OptionSpec>& optionSpecs() {
-    static const std::vector<OptionSpec> specs = {
+const std::vector<OptionDefinition>& optionDefinitions() {
+    static const std::vector<OptionDefinition> definitions = {
         {"headless", "", "", "",
          "run without tray icon or windows (the default when no display is available)",
          Scope::serve},
@@ -48,13 +48,13 @@ const std::vector<OptionSpec>& optionSpecs() {
         {"help", "h", "", "", "print this text and exit", Scope::any},
         {"version", "v", "", "", "print the program's version and exit", Scope::any},
     };
-    return specs;
+    return definitions;
 }
 
-const OptionSpec* findSpec(const std::string& name) {
-    for (const auto& spec : optionSpecs()) {
-        if (spec.name == name || spec.shortName == name) {
-            return &spec;
+const OptionDefinition* findDefinition(const std::string& name) {
+    for (const auto& definition : optionDefinitions()) {
+        if (definition.name == name || definition.shortName == name) {
+            return &definition;
         }
     }
     return nullptr;
@@ -69,8 +69,8 @@ std::string optionName(const std::string& argument) {
     return argument.substr(start, argument.find('=') - start);
 }
 
-std::string spelled(const OptionSpec& spec) {
-    return "--" + spec.name;
+std::string spelled(const OptionDefinition& definition) {
+    return "--" + definition.name;
 }
 
 // Reads a whole number written as plain decimal digits, no sign or spaces, up to max.
@@ -119,12 +119,13 @@ std::string parseError(const QCommandLineParser& parser,
     const std::size_t open = text.find('\'');
     const std::size_t close = text.rfind('\'');
     if (open != std::string::npos && close > open) {
-        const OptionSpec* spec = findSpec(optionName(text.substr(open + 1, close - open - 1)));
-        if (spec != nullptr && !spec->valueName.empty()) {
-            return "option " + spelled(*spec) + " needs " + spec->needs;
+        const OptionDefinition* definition =
+            findDefinition(optionName(text.substr(open + 1, close - open - 1)));
+        if (definition != nullptr && !definition->valueName.empty()) {
+            return "option " + spelled(*definition) + " needs " + definition->needs;
         }
-        if (spec != nullptr) {
-            return "option " + spelled(*spec) + " takes no value";
+        if (definition != nullptr) {
+            return "option " + spelled(*definition) + " takes no value";
         }
     }
     return text;
@@ -136,13 +137,13 @@ CommandLineResult CommandLine::parse(const std::vector<std::string>& arguments) 
     QCommandLineParser parser;
     // "-port 80" reads as "--port 80"; single-letter options still work ("-h").
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    for (const auto& spec : optionSpecs()) {
-        QStringList names{QString::fromStdString(spec.name)};
-        if (!spec.shortName.empty()) {
-            names.prepend(QString::fromStdString(spec.shortName));
+    for (const auto& definition : optionDefinitions()) {
+        QStringList names{QString::fromStdString(definition.name)};
+        if (!definition.shortName.empty()) {
+            names.prepend(QString::fromStdString(definition.shortName));
         }
-        parser.addOption(QCommandLineOption(names, QString::fromStdString(spec.description),
-                                            QString::fromStdString(spec.valueName)));
+        parser.addOption(QCommandLineOption(names, QString::fromStdString(definition.description),
+                                            QString::fromStdString(definition.valueName)));
     }
     QStringList list{QStringLiteral("pointlane")};
     for (const auto& argument : arguments) {
@@ -218,15 +219,16 @@ CommandLineResult CommandLine::parse(const std::vector<std::string>& arguments) 
     options.web = !parser.isSet(QStringLiteral("no-web"));
 
     // Options of serving mean nothing to export, and the other way round.
-    for (const auto& spec : optionSpecs()) {
-        if (spec.scope == Scope::any || !parser.isSet(QString::fromStdString(spec.name))) {
+    for (const auto& definition : optionDefinitions()) {
+        if (definition.scope == Scope::any ||
+            !parser.isSet(QString::fromStdString(definition.name))) {
             continue;
         }
-        if (spec.scope == Scope::exportHistory && options.command != Command::exportHistory) {
-            return failure("option " + spelled(spec) + " only applies to export");
+        if (definition.scope == Scope::exportHistory && options.command != Command::exportHistory) {
+            return failure("option " + spelled(definition) + " only applies to export");
         }
-        if (spec.scope == Scope::serve && options.command == Command::exportHistory) {
-            return failure("option " + spelled(spec) + " does not apply to export");
+        if (definition.scope == Scope::serve && options.command == Command::exportHistory) {
+            return failure("option " + spelled(definition) + " does not apply to export");
         }
     }
     // The monitor is a window; a headless run has nowhere to show it.
@@ -250,10 +252,10 @@ CommandLineResult CommandLine::parse(int argc, const char* const* argv) {
 std::string CommandLine::helpText(const std::string& programName) {
     auto usage = [&](const std::string& lead, Scope scope) {
         std::string line = lead;
-        for (const auto& spec : optionSpecs()) {
-            if (spec.scope == scope) {
-                line += " [" + spelled(spec) + (spec.valueName.empty() ? "" : " ") +
-                        spec.valueName + "]";
+        for (const auto& definition : optionDefinitions()) {
+            if (definition.scope == scope) {
+                line += " [" + spelled(definition) + (definition.valueName.empty() ? "" : " ") +
+                        definition.valueName + "]";
             }
         }
         return line + "\n";
@@ -263,16 +265,16 @@ std::string CommandLine::helpText(const std::string& programName) {
     constexpr std::size_t kWidth = 79;
     auto table = [&](const std::string& title, Scope scope) {
         std::string text = "\n" + title + ":\n";
-        for (const auto& spec : optionSpecs()) {
-            if (spec.scope != scope) {
+        for (const auto& definition : optionDefinitions()) {
+            if (definition.scope != scope) {
                 continue;
             }
-            std::string line = "  " + spelled(spec) +
-                               (spec.valueName.empty() ? "" : " " + spec.valueName) +
-                               (spec.shortName.empty() ? "" : ", -" + spec.shortName);
+            std::string line = "  " + spelled(definition) +
+                               (definition.valueName.empty() ? "" : " " + definition.valueName) +
+                               (definition.shortName.empty() ? "" : ", -" + definition.shortName);
             line += std::string(line.size() < kColumn ? kColumn - line.size() : 1, ' ');
             std::size_t start = 0;
-            const std::string& words = spec.description;
+            const std::string& words = definition.description;
             while (start < words.size()) {
                 std::size_t end = words.size();
                 if (line.size() + (end - start) > kWidth) {
