@@ -56,8 +56,10 @@ TEST_F(WebFixture, PagesFollowAllSixNotificationsAndElectTheirOwnPicks) {
     TestPlayer native = connectPlayer(*server);
     ASSERT_EQ(native.client->loginPlayer("Nat", native.clientServer->port())->code, 0);
     Page& bob = seated("Bob");
-    EXPECT_TRUE(hasPlayer(
-        ann.waitForTable([](const json& table) { return hasPlayer(table, "Bob"); }), "Nat"));
+    // Nat's arrival is pushed after Nat's answer, so it may reach the pages after Bob's.
+    const json everyone = ann.waitForTable(
+        [](const json& table) { return hasPlayer(table, "Bob") && hasPlayer(table, "Nat"); });
+    EXPECT_TRUE(hasPlayer(everyone, "Ann"));
 
     ASSERT_EQ(native.client->initNewDeal("Login page")->code, 0);
     for (Page* p : {&ann, &bob}) {

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/NoDestructor.h"
 #include "support/ToolBox.h"
 #include "transport/Frame.h"
 #include "transport/Request.h"
@@ -43,9 +44,7 @@ std::string nameKey(const std::string& name) {
 }  // namespace
 
 PlayerStore& PlayerStore::shared() {
-    // Deliberately leaked: connection threads are detached and may use it while the process
-    // ends, after static destructors would have run.
-    static PlayerStore* const store = new PlayerStore();
+    static NoDestructor<PlayerStore> store;
     return *store;
 }
 

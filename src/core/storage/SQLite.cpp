@@ -10,6 +10,7 @@
 
 #include "storage/TextConversions.h"
 #include "support/DeferredPosts.h"
+#include "support/NoDestructor.h"
 #include "support/ToolBox.h"
 
 namespace pointlane {
@@ -48,8 +49,7 @@ class SQLite::OperationLock {
 };
 
 SQLite& SQLite::shared() {
-    // Never destroyed: writers on the queue and late readers may still run at process exit.
-    static SQLite* instance = new SQLite();
+    static NoDestructor<SQLite> instance;
     return *instance;
 }
 

@@ -17,6 +17,7 @@
 #include "storage/SQLiteStatusCode.h"
 #include "storage/Values.h"
 #include "support/Event.h"
+#include "support/NoDestructor.h"
 #include "support/WorkQueue.h"
 
 struct sqlite3;
@@ -100,6 +101,7 @@ class SQLite final {
     bool update(const std::string& table, const std::vector<SQLField>& fields);
 
   private:
+    friend class NoDestructor<SQLite>;
     SQLite();
     ~SQLite();
 
