@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -107,6 +108,14 @@ std::unique_ptr<ServerProcess> ServerProcess::start(const std::string& home,
     process->outPath_ = home + "/server.out";
     process->errPath_ = home + "/server.err";
     std::vector<std::string> arguments{"--headless", "--port", "0"};
+    // The web table takes any free port too, unless the caller says otherwise: tests never
+    // claim the well-known port.
+    const bool webChosen = std::any_of(extra.begin(), extra.end(), [](const std::string& a) {
+        return a == "--no-web" || a.rfind("--web-port", 0) == 0;
+    });
+    if (!webChosen) {
+        arguments.insert(arguments.end(), {"--web-port", "0"});
+    }
     arguments.insert(arguments.end(), extra.begin(), extra.end());
     process->pid_ = spawn(home, arguments, binary, process->outPath_, process->errPath_);
     if (process->pid_ == -1) {
