@@ -14,6 +14,7 @@
 
 #include "ClientServer.h"
 #include "PokerClient.h"
+#include "ServerFixture.h"
 #include "ServerProcess.h"
 #include "StoredRows.h"
 #include "TestKit.h"
@@ -21,6 +22,7 @@
 namespace pointlane {
 namespace {
 
+using testkit::ServerFixture;
 using testkit::ServerProcess;
 using testkit::storedRows;
 using testkit::TempDir;
@@ -74,15 +76,8 @@ struct Player {
     }
 };
 
-class GameEndToEndTest : public ::testing::Test {
+class GameEndToEndTest : public ServerFixture {
   protected:
-    void SetUp() override {
-        server = ServerProcess::start(home.path().string());
-        ASSERT_TRUE(server);
-    }
-
-    std::string databasePath() const { return home.file(".Pointlane/Pointlane.sqlite"); }
-
     Player connect(const std::string& name, ClientServer::Options options = {}) {
         Player player;
         player.name = name;
@@ -109,9 +104,6 @@ class GameEndToEndTest : public ::testing::Test {
         closed->stop();
         return port;
     }
-
-    TempDir home;
-    std::unique_ptr<ServerProcess> server;
 };
 
 void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message) {

@@ -17,6 +17,7 @@
 
 #include "ClientServer.h"
 #include "PokerClient.h"
+#include "ServerFixture.h"
 #include "ServerProcess.h"
 #include "StoredRows.h"
 #include "TestKit.h"
@@ -24,6 +25,7 @@
 namespace pointlane {
 namespace {
 
+using testkit::ServerFixture;
 using testkit::ServerProcess;
 using testkit::storedRows;
 using testkit::TempDir;
@@ -112,17 +114,7 @@ void stream(PokerClient& client, const std::string& name, Answered& answered,
     }
 }
 
-class LifecycleEndToEndTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        server = ServerProcess::start(home.path().string());
-        ASSERT_TRUE(server);
-    }
-    std::string databasePath() const { return home.file(".Pointlane/Pointlane.sqlite"); }
-
-    TempDir home;
-    std::unique_ptr<ServerProcess> server;
-};
+class LifecycleEndToEndTest : public ServerFixture {};
 
 TEST_F(LifecycleEndToEndTest, SignalsEndTheRunWithEveryAnsweredRecordStored) {
     // SIGTERM on the first run, SIGINT on the second (same folder, the database is reopened).
