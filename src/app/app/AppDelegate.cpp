@@ -184,7 +184,7 @@ int AppDelegate::servedPort() const {
 }
 
 void AppDelegate::startBonjoure() {
-    // Published whether or not the listener could start, on the port that is served.
+    // Published on the port actually served: with port 0 it is known only after the bind.
     const int port = servedPort() != 0 ? servedPort() : options_.port;
     bonjoureService = std::make_unique<ServiceAdvertiser>(
         kServiceDomain, kServiceType, kServiceName, static_cast<std::uint16_t>(port));
