@@ -126,13 +126,14 @@ TEST_F(WebFixture, AReturningTabTakesItsSeatBackWithinTheGraceAndLosesItAfter) {
     ann.waitForTable([](const json& table) { return table["played"] == 1; });
     bob.close();
 
-    // A reload: the same tab within the grace gets the seat and the table as it is.
+    // A reload: the same tab within the grace gets the seat and the table as it is. The play
+    // notification for Bob's own seat may still be on its way when the page comes back, so the
+    // count may reach the new page in a second table message.
     Page& again = page("Bob");
     again.hello();
-    const json t = again.waitForTable([](const json&) { return true; });
+    const json t = again.waitForTable([](const json& table) { return table["played"] == 1; });
     EXPECT_EQ(t["you"], "Bob");
     EXPECT_EQ(t["pick"], "3");
-    EXPECT_EQ(t["played"], 1);
     EXPECT_EQ(InProcessServer::loginCount(), 2);
 
     // The same tab opened again while its page is still there: the newer page wins.
