@@ -11,7 +11,7 @@ packages=(
   dbus avahi-daemon avahi-utils xvfb xauth sqlite3 fonts-dejavu-core
   iproute2 util-linux mount
   clang-format chromium chromium-driver python3-selenium
-  desktop-file-utils man-db librsvg2-bin file
+  desktop-file-utils man-db librsvg2-bin file libqrencode-dev
 )
 
 missing=()
