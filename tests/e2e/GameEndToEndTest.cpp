@@ -23,6 +23,7 @@
 namespace pointlane {
 namespace {
 
+using testkit::expectRefusal;
 using testkit::ServerFixture;
 using testkit::ServerProcess;
 using testkit::storedRows;
@@ -110,15 +111,6 @@ class GameEndToEndTest : public ServerFixture {
         return port;
     }
 };
-
-void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message) {
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->code, -1);
-    EXPECT_EQ(answer->message, message) << toString(answer->message);
-    EXPECT_EQ(answer->token, "");
-    EXPECT_FALSE(answer->info);
-    EXPECT_FALSE(answer->data);
-}
 
 TEST_F(GameEndToEndTest, WholeGameIsRelayedToEveryPlayerStoredAndEndedByTheAdministrator) {
     EXPECT_NE(server->diagnostics().find("Database created (" + databasePath() + ")"),

@@ -25,6 +25,7 @@
 namespace pointlane {
 namespace {
 
+using testkit::expectRefusal;
 using testkit::ServerFixture;
 using testkit::ServerProcess;
 using testkit::storedRows;
@@ -208,15 +209,6 @@ TEST_F(LifecycleEndToEndTest, AdministratorsLogoutEndsTheRunWithEveryAnsweredRec
     }
     ASSERT_EQ(status, std::optional<int>(0)) << server->output();
     expectEveryAnsweredRecordStored(databasePath(), answered);
-}
-
-void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message) {
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->code, -1);
-    EXPECT_EQ(answer->message, message) << toString(answer->message);
-    EXPECT_EQ(answer->token, "");
-    EXPECT_FALSE(answer->info);
-    EXPECT_FALSE(answer->data);
 }
 
 int dealsReceived(const ClientServer& clientServer) {
