@@ -1,47 +1,16 @@
 #include "game/PlayerStore.h"
 
-#include <unicode/locid.h>
-#include <unicode/normalizer2.h>
-#include <unicode/unistr.h>
-
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
 
+#include "rules/TextRules.h"
 #include "support/NoDestructor.h"
 #include "support/ToolBox.h"
 #include "transport/Frame.h"
 #include "transport/Request.h"
 
 namespace pointlane {
-
-namespace {
-
-// The form in which two names are compared: canonically composed, lower-cased by the current
-// locale's rules, and composed again (lower-casing may decompose). Canonically equivalent
-// spellings of one name therefore get the same key.
-std::string nameKey(const std::string& name) {
-    UErrorCode status = U_ZERO_ERROR;
-    const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
-    if (U_FAILURE(status) || nfc == nullptr) {
-        return name;
-    }
-    icu::UnicodeString text = icu::UnicodeString::fromUTF8(name);
-    icu::UnicodeString composed = nfc->normalize(text, status);
-    if (U_FAILURE(status)) {
-        return name;
-    }
-    composed.toLower(icu::Locale::getDefault());
-    icu::UnicodeString key = nfc->normalize(composed, status);
-    if (U_FAILURE(status)) {
-        return name;
-    }
-    std::string utf8;
-    key.toUTF8String(utf8);
-    return utf8;
-}
-
-}  // namespace
 
 PlayerStore& PlayerStore::shared() {
     static NoDestructor<PlayerStore> store;
@@ -58,9 +27,8 @@ bool PlayerStore::existsAdminLocked() const {
 }
 
 bool PlayerStore::nameInUseLocked(const std::string& name) const {
-    const std::string key = nameKey(name);
     for (const auto& [token, player] : data_) {
-        if (nameKey(player->name) == key) {
+        if (sameName(player->name, name)) {
             return true;
         }
     }

@@ -1,10 +1,10 @@
-#include "storage/RoundStatistics.h"
+#include "rules/RoundStatistics.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 
-#include "storage/TextConversions.h"
+#include "rules/TextRules.h"
 
 namespace pointlane {
 
