@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "rules/Deck.h"
 #include "rules/TextRules.h"
 
 namespace pointlane {
@@ -61,17 +62,55 @@ std::optional<double> RoundStatistics::numericValue(std::string_view card) {
 }
 
 RoundStatistics RoundStatistics::of(std::vector<std::string> cards) {
+    return of(std::move(cards), Deck{});
+}
+
+RoundStatistics RoundStatistics::of(std::vector<std::string> cards, const Deck& deck) {
     RoundStatistics statistics;
     std::vector<double> values;
     values.reserve(cards.size());
-    for (const std::string& card : cards) {
-        if (const auto value = numericValue(card)) {
+    // What makes two cards the same: a number's value, any other card's trimmed text.
+    std::optional<double> firstValue;
+    std::string firstText;
+    bool agreed = cards.size() >= 2;
+    for (std::size_t i = 0; i < cards.size(); ++i) {
+        std::string text = trimmed(cards[i]);
+        const auto value = numericValue(text);
+        if (value) {
             values.push_back(*value);
         }
+        if (i == 0) {
+            firstValue = value;
+            firstText = text;
+        } else if (value.has_value() != firstValue.has_value() ||
+                   (value ? *value != *firstValue : text != firstText)) {
+            agreed = false;
+        }
+        auto counted = std::find_if(statistics.distribution.begin(), statistics.distribution.end(),
+                                    [&](const auto& entry) { return entry.first == text; });
+        if (counted == statistics.distribution.end()) {
+            statistics.distribution.emplace_back(std::move(text), 1);
+        } else {
+            ++counted->second;
+        }
     }
+    // Most frequent first; ties: cards of the deck in its order, then the others as first seen
+    // (the distribution is in first-seen order and the sort is stable).
+    const auto deckIndex = [&](const std::string& card) {
+        const auto found = std::find(deck.cards.begin(), deck.cards.end(), card);
+        return static_cast<std::size_t>(found - deck.cards.begin());
+    };
+    std::stable_sort(statistics.distribution.begin(), statistics.distribution.end(),
+                     [&](const auto& a, const auto& b) {
+                         if (a.second != b.second) {
+                             return a.second > b.second;
+                         }
+                         return deckIndex(a.first) < deckIndex(b.first);
+                     });
     statistics.count = cards.size();
     statistics.cards = std::move(cards);
     statistics.numericCount = values.size();
+    statistics.consensus = agreed;
     if (values.empty()) {
         return statistics;
     }
@@ -85,8 +124,31 @@ RoundStatistics RoundStatistics::of(std::vector<std::string> cards) {
     statistics.median = n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
     statistics.minimum = values.front();
     statistics.maximum = values.back();
-    statistics.consensus = n >= 2 && values.front() == values.back();
     return statistics;
+}
+
+std::optional<std::string> RoundStatistics::proposedEstimate(const Deck& deck) const {
+    if (distribution.empty()) {
+        return std::nullopt;
+    }
+    const std::string& mostFrequent = distribution.front().first;
+    if (consensus) {
+        // The agreed value as the deck writes it ("½" played on a deck with "1/2").
+        if (const auto value = numericValue(mostFrequent)) {
+            for (const std::string& card : deck.cards) {
+                if (numericValue(card) == value) {
+                    return card;
+                }
+            }
+        }
+        return mostFrequent;
+    }
+    if (median && deck.hasNumbers()) {
+        if (auto card = deck.nearest(*median)) {
+            return card;
+        }
+    }
+    return mostFrequent;
 }
 
 void GameStatistics::add(const RoundStatistics& round) {

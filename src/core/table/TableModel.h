@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rules/Deck.h"
@@ -36,7 +38,8 @@ class TableModel final {
     TableModel& operator=(const TableModel&) = delete;
 
     // Game events, in notification order.
-    // A fresh game: seats, items and agenda are cleared; the facilitator takes the first seat.
+    // A fresh game: seats, items and countdown are cleared and the facilitator takes the first
+    // seat; deck, settings and agenda (chosen before the start) stay.
     void gameOpened(const std::string& facilitator, const std::string& game);
     void playerJoined(const std::string& name);
     // The seat goes, with its played flag; the facilitator leaving ends the game (phase ended
@@ -79,6 +82,8 @@ class TableModel final {
     JoinCheck checkJoin(const std::string& name) const;
 
     // Listeners run after each change, on the changing thread, without the model's lock.
+    // Once unsubscribe() returns the listener is not running and is never called again
+    // (a listener may unsubscribe itself).
     int subscribe(std::function<void()> listener);
     void unsubscribe(int id);
 
@@ -86,20 +91,27 @@ class TableModel final {
     void reset();
 
   private:
-    // Runs change under the lock; when it reports a change, bumps the version and then calls
-    // the listeners outside the lock.
-    void change(const std::function<bool()>& change);
-    void notify();
-    // Require mutex_ held.
+    struct Listener;
+    // What a change leaves to do once the lock is released: estimates for the sink.
+    struct Effects {
+        std::vector<std::pair<std::int64_t, std::string>> estimates;
+    };
+
+    // Runs step under the lock; when it reports a change, the version grows and then, without
+    // the lock, the sink gets the effects' estimates and the listeners are called.
+    void change(const std::function<bool(Effects&)>& step);
+    // Requires mutex_ held.
     TableSeat* seatLocked(const std::string& name);
     TableItem* itemLocked(int number);
-    void refreshPlayedLocked();
+    void countPlayedLocked();
 
     mutable Mutex mutex_{"pointlane.TableModel"};
-    TableSnapshot state_;                             // guarded by mutex_
-    EstimateSink sink_;                               // guarded by mutex_
-    std::map<int, std::function<void()>> listeners_;  // guarded by mutex_
-    int nextListener_ = 1;                            // guarded by mutex_
+    TableSnapshot state_;  // guarded by mutex_
+    // Web annotations by name (sameName), also for seats whose join hasn't arrived yet.
+    std::vector<std::pair<std::string, bool>> webNames_;  // guarded by mutex_
+    EstimateSink sink_;                                   // guarded by mutex_
+    std::map<int, std::shared_ptr<Listener>> listeners_;  // guarded by mutex_
+    int nextListener_ = 1;                                // guarded by mutex_
 };
 
 }  // namespace pointlane
