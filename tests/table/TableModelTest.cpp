@@ -194,7 +194,7 @@ TEST_F(TableModelTest, ItemsEstimatesAndStoredDeals) {
     model.itemPut("Story A");            // the same title once more
     model.dealStored(" Story A\n", 13);  // the newest item of that title without a row id
     model.dealStored("Story B", 12);
-    model.dealStored("Story C", 14);  // no such item: nothing
+    model.dealStored("Story C", 14);  // stored before its item arrived: it waits for it
     const TableSnapshot table = model.snapshot();
     ASSERT_EQ(table.items.size(), 2u);
     ASSERT_TRUE(table.current);
@@ -206,6 +206,18 @@ TEST_F(TableModelTest, ItemsEstimatesAndStoredDeals) {
     EXPECT_EQ(table.current->number, 3);
     EXPECT_EQ(table.current->dealId, 13);
     EXPECT_TRUE(table.current->cards.empty());
+    EXPECT_EQ(table.version, model.snapshot().version);
+    // Two items of one title both waiting get their deals in the order they were put up.
+    model.itemPut("Story C");
+    model.itemPut("Story D");
+    model.itemPut("Story D");
+    model.dealStored("Story D", 15);
+    model.dealStored("Story D", 16);
+    const TableSnapshot later = model.snapshot();
+    ASSERT_EQ(later.items.size(), 5u);
+    EXPECT_EQ(later.items[3].dealId, 14);
+    EXPECT_EQ(later.items[4].dealId, 15);
+    EXPECT_EQ(later.current->dealId, 16);
 
     EXPECT_FALSE(model.recordEstimate(2, "8"));  // never opened
     EXPECT_FALSE(model.recordEstimate(4, "8"));  // no such item
