@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
 #include <thread>
 
@@ -18,6 +19,7 @@
 #include "app/HistoryProvider.h"
 #include "app/SchemaLocation.h"
 #include "app/ServiceAdvertiser.h"
+#include "game/GameEvents.h"
 #include "game/GameHandlers.h"
 #include "game/GameState.h"
 #include "game/PlayerStore.h"
@@ -27,7 +29,9 @@
 #include "monitor/StatusItem.h"
 #include "storage/SQLite.h"
 #include "support/MainQueue.h"
+#include "support/NoDestructor.h"
 #include "support/Tracer.h"
+#include "table/TableModel.h"
 
 namespace pointlane {
 
@@ -50,7 +54,39 @@ std::string homeDirectory() {
     return home != nullptr ? home : "";
 }
 
+// Feeds the table from the game's events. Done once, before the first listener starts: the
+// events are read by connection threads that may outlive any one delegate.
+void feedTableFromGame(TableModel& table) {
+    static std::once_flag once;
+    std::call_once(once, [&table] {
+        GameEvents events;
+        events.gameOpened = [&table](const std::string& facilitator, const std::string& game) {
+            table.gameOpened(facilitator, game);
+        };
+        events.playerJoined = [&table](const std::string& name) { table.playerJoined(name); };
+        events.playerLeft = [&table](const std::string& name) { table.playerLeft(name); };
+        events.itemPut = [&table](const std::string& title) { table.itemPut(title); };
+        events.played = [&table](const std::string& name) { table.played(name); };
+        events.cardsOpened = [&table] { table.cardsOpened(); };
+        events.cardElected = [&table](const std::string& name, const std::string& card) {
+            table.cardElected(name, card);
+        };
+        events.dealStored = [&table](const std::string& title, std::int64_t dealId) {
+            table.dealStored(title, dealId);
+        };
+        GameEvents::install(std::move(events));
+        table.setEstimateSink([](std::int64_t, const std::string&) {
+            // Final estimates are not stored yet: the database has no place for them so far.
+        });
+    });
+}
+
 }  // namespace
+
+TableModel& AppDelegate::table() {
+    static NoDestructor<TableModel> model;
+    return *model;
+}
 
 std::shared_ptr<AppDelegate> AppDelegate::create(Options options) {
     return std::shared_ptr<AppDelegate>(new AppDelegate(options));
@@ -130,6 +166,7 @@ void AppDelegate::applicationDidFinishLaunching() {
         }
         terminate(status);
     });
+    feedTableFromGame(table());
 
     server = Server::create(weak_from_this());
     const int port = options_.port;
@@ -208,6 +245,7 @@ void AppDelegate::startWebTable() {
     };
     // The history page reads the database file on its own, read-only connection.
     web.history = historySourceFor(databasePath_);
+    web.table = &table();
     webServer = std::make_unique<WebServer>(std::move(web));
     if (webServer->start() == 0) {
         pointlane::tr().info(
