@@ -125,7 +125,10 @@ void SeatConnection::sendNext() {
     if (!game_) {
         game_ = new QTcpSocket(this);
         gameReader_ = FrameReader{};
-        connect(game_, &QTcpSocket::connected, this, [this] { sendHead(); });
+        connect(game_, &QTcpSocket::connected, this, [this] {
+            game_->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+            sendHead();
+        });
         connect(game_, &QTcpSocket::readyRead, this, [this] { gameReadable(); });
         connect(game_, &QTcpSocket::disconnected, this, [this] { gameLost(); });
         connect(game_, &QTcpSocket::errorOccurred, this, [this] { gameLost(); });
@@ -141,7 +144,6 @@ void SeatConnection::sendHead() {
     if (!headStarted_ || headSent_ || !game_) {
         return;
     }
-    game_->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     const Pending& head = queue_.front();
     Request request;
     request.request = head.code;

@@ -209,6 +209,7 @@ TEST(SeatConnectionTest, AnswersComeInOrderAndOneThatNeverComesTimesOut) {
     FakeGame game;
     SeatConnection seat(game.port());
     seat.setAnswerTimeout(300ms);
+    seat.setIdleClose(200ms);
     Seen seen;
     seat.initNewDeal("A", seen.keep());
     seat.play(seen.keep());
@@ -239,6 +240,12 @@ TEST(SeatConnectionTest, AnswersComeInOrderAndOneThatNeverComesTimesOut) {
     ASSERT_TRUE(seen.answers[0] && seen.answers[2]);
     EXPECT_EQ(seen.answers[0]->info, "first");
     EXPECT_EQ(seen.answers[2]->info, "third");
+    // Nothing more to ask: the idle connection is closed, and opened again when needed.
+    EXPECT_TRUE(spinUntil(
+        [&] { return game.links[1]->socket->state() == QAbstractSocket::UnconnectedState; }, 5s));
+    seat.logout(seen.keep());
+    ASSERT_TRUE(game.waitForFrames(2, 1));
+    EXPECT_EQ(game.links[2]->frames[0], bytesOf("{\"request\":2}"));
 }
 
 // A frame and a wait for the end of the connection, sent to port by another program: "1" when
