@@ -45,7 +45,12 @@ SeatConnection::SeatConnection(int gamePort, QObject* parent)
             socket->deleteLater();
         }
     });
-    connect(&latePush_, &QTimer::timeout, this, [this] { pushWanted_ = false; });
+    connect(&latePush_, &QTimer::timeout, this, [this] {
+        // Logged in, but the server's connection back never came (or wasn't believed): the
+        // seat hears nothing, and says so as for a push connection that ended.
+        pushWanted_ = false;
+        reportPushClosed();
+    });
     connect(&listener_, &QTcpServer::newConnection, this, [this] { pushArrived(); });
 }
 
@@ -358,6 +363,10 @@ void SeatConnection::dropPush() {
     pushBeforeAnswer_ = false;
     held_.clear();
     discard(socket, this);
+    reportPushClosed();
+}
+
+void SeatConnection::reportPushClosed() {
     QMetaObject::invokeMethod(
         this,
         [this] {

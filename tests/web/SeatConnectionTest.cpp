@@ -211,6 +211,7 @@ TEST(SeatConnectionTest, AnswersComeInOrderAndOneThatNeverComesTimesOut) {
     seat.setAnswerTimeout(300ms);
     seat.setIdleClose(200ms);
     Seen seen;
+    seen.watch(seat);
     seat.initNewDeal("A", seen.keep());
     seat.play(seen.keep());
     seat.openCards(seen.keep());
@@ -243,9 +244,14 @@ TEST(SeatConnectionTest, AnswersComeInOrderAndOneThatNeverComesTimesOut) {
     // Nothing more to ask: the idle connection is closed, and opened again when needed.
     EXPECT_TRUE(spinUntil(
         [&] { return game.links[1]->socket->state() == QAbstractSocket::UnconnectedState; }, 5s));
-    seat.logout(seen.keep());
+    seat.loginPlayer("Bob", seen.keep());
     ASSERT_TRUE(game.waitForFrames(2, 1));
-    EXPECT_EQ(game.links[2]->frames[0], bytesOf("{\"request\":2}"));
+    EXPECT_EQ(game.links[2]->frames[0].front(), '{');
+    // A login answered OK whose connection back never comes: the seat would hear nothing, and
+    // says so.
+    game.answer(2, "Game");
+    EXPECT_TRUE(spinUntil([&] { return seen.pushClosed == 1; }, 5s));
+    EXPECT_TRUE(seat.isLoggedIn());
 }
 
 // A frame and a wait for the end of the connection, sent to port by another program: "1" when
