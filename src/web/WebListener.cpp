@@ -151,6 +151,16 @@ void WebListener::becamePage(QTcpSocket* socket) {
     found->second.page = true;
     found->second.timer->stop();
     ++pagesOf_[found->second.address];
+    // The HTTP server drops every reader of the socket before the WebSocket takes it over; the
+    // page's bytes are watched again once it has.
+    QMetaObject::invokeMethod(
+        this,
+        [this, socket] {
+            if (connections_.count(socket) != 0) {
+                connect(socket, &QTcpSocket::readyRead, this, [this, socket] { received(socket); });
+            }
+        },
+        Qt::QueuedConnection);
 }
 
 void WebListener::forget(QTcpSocket* socket) {
