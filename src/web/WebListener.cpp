@@ -1,21 +1,55 @@
 #include "WebListener.h"
 
 #include <QHostAddress>
+#include <QSocketNotifier>
 #include <QTcpSocket>
 #include <QTimer>
+#include <cerrno>
 
 #include "transport/SocketFunctions.h"
 
 namespace pointlane {
 
-WebListener::WebListener(Limits limits, QObject* parent) : QTcpServer(parent), limits_(limits) {
-    connect(this, &QTcpServer::acceptError, this, &WebListener::acceptFailed);
-}
+WebListener::WebListener(Limits limits, QObject* parent) : QTcpServer(parent), limits_(limits) {}
 
 WebListener::~WebListener() {
     for (auto& [socket, connection] : connections_) {
         socket->disconnect(this);
         connection.marker->disconnect(this);
+    }
+}
+
+bool WebListener::start(const QHostAddress& address, quint16 port) {
+    if (!listen(address, port)) {
+        return false;
+    }
+    // Qt's own accepting stays off; connections are taken in acceptWaiting().
+    pauseAccepting();
+    waiting_ = new QSocketNotifier(socketDescriptor(), QSocketNotifier::Read, this);
+    connect(waiting_, &QSocketNotifier::activated, this, &WebListener::acceptWaiting);
+    return true;
+}
+
+void WebListener::acceptWaiting() {
+    // A bounded number at a time, so that a crowd at the door doesn't hold up the pages inside.
+    for (int taken = 0; taken < 64; ++taken) {
+        const int descriptor = accept_socket(static_cast<int>(socketDescriptor()));
+        if (descriptor >= 0) {
+            incomingConnection(descriptor);
+            continue;
+        }
+        const int error = errno;
+        if (error == EINTR || error == ECONNABORTED || error == EPROTO) {
+            continue;
+        }
+        if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+            // Trying again at once would fail again: the waiting connections stay in the
+            // backlog until descriptors come back.
+            waiting_->setEnabled(false);
+            ++acceptPauses_;
+            QTimer::singleShot(limits_.acceptPauseMs, this, [this] { waiting_->setEnabled(true); });
+        }
+        return;
     }
 }
 
@@ -176,14 +210,6 @@ void WebListener::forget(QTcpSocket* socket) {
     if (connection.page && --pagesOf_[connection.address] <= 0) {
         pagesOf_.erase(connection.address);
     }
-}
-
-void WebListener::acceptFailed(QAbstractSocket::SocketError) {
-    // Qt stops accepting after a failed accept; with descriptors (or memory) short, trying
-    // again at once would fail again, so accepting resumes after a pause, once some are back.
-    pauseAccepting();
-    ++acceptPauses_;
-    QTimer::singleShot(limits_.acceptPauseMs, this, [this] { resumeAccepting(); });
 }
 
 }  // namespace pointlane

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <map>
 
+class QHostAddress;
+class QSocketNotifier;
 class QTcpSocket;
 class QTimer;
 
@@ -24,7 +26,8 @@ namespace pointlane {
 // - at most connectionsPerAddress connections per client address, pagesPerAddress of them
 //   WebSocket pages;
 // - when accept fails for lack of descriptors or memory, accepting pauses for acceptPauseMs
-//   instead of spinning on the failing accept.
+//   instead of spinning on the failing accept (Qt's own accepting would retry at once, at
+//   full CPU, for as long as the descriptors stay short; this listener accepts itself).
 //
 // Threading: the Qt thread that made it, only.
 class WebListener final : public QTcpServer {
@@ -41,6 +44,9 @@ class WebListener final : public QTcpServer {
 
     explicit WebListener(Limits limits, QObject* parent = nullptr);
     ~WebListener() override;
+
+    // Listens on address and port (0: any free port) and starts accepting; false when it can't.
+    bool start(const QHostAddress& address, quint16 port);
 
     // The HTTP side took a whole request from socket: its byte count and its time-out start
     // over.
@@ -78,9 +84,11 @@ class WebListener final : public QTcpServer {
     // Answers status (a complete status line and its text) and closes the connection.
     void refuse(QTcpSocket* socket, const QByteArray& status);
     void forget(QTcpSocket* socket);
-    void acceptFailed(QAbstractSocket::SocketError error);
+    // Takes the connections waiting on the listening socket.
+    void acceptWaiting();
 
     Limits limits_;
+    QSocketNotifier* waiting_ = nullptr;  // child of this object, once started
     std::map<QTcpSocket*, Connection> connections_;
     std::map<QString, int> connectionsOf_;  // per client address
     std::map<QString, int> pagesOf_;        // per client address

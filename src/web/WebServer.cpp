@@ -135,7 +135,7 @@ WebServer::~WebServer() = default;
 
 int WebServer::start() {
     auto listener = std::make_unique<WebListener>(options_.limits);
-    if (!listener->listen(options_.address, static_cast<quint16>(options_.port))) {
+    if (!listener->start(options_.address, static_cast<quint16>(options_.port))) {
         return 0;
     }
     listener_ = listener.release();
