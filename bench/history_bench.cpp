@@ -149,8 +149,9 @@ class HistoryPages {
             ++failed_;
             return;
         }
-        std::string request = "GET /history.json HTTP/1.1\r\nHost: 127.0.0.1:" +
-                              std::to_string(port_) + "\r\nConnection: close\r\n";
+        std::string request =
+            "GET /history.json HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) +
+            "\r\nConnection: close\r\n";
         if (!tag.empty()) {
             request += "If-None-Match: " + tag + "\r\n";
         }
@@ -260,8 +261,7 @@ int main(int argc, char** argv) {
     HistoryPages pages(*webPort);
     std::vector<double> without;
     std::vector<double> with;
-    for (int round = 0; static_cast<int>(std::min(without.size(), with.size())) < rounds;
-         ++round) {
+    for (int round = 0; static_cast<int>(std::min(without.size(), with.size())) < rounds; ++round) {
         const bool polling = (round / kBlock) % 2 == 1;
         if (round % kBlock == 0) {
             pages.setActive(polling);

@@ -108,8 +108,8 @@ std::unique_ptr<QTcpSocket> helloPage(int port, int index, const QHostAddress& s
     if (line != "HTTP/1.1 101 Switching Protocols") {
         return nullptr;
     }
-    socket->write(maskedFrame(
-        0x1, "{\"type\":\"hello\",\"tab\":\"bench-tab-" + QByteArray::number(index) + "-000000\"}"));
+    socket->write(maskedFrame(0x1, "{\"type\":\"hello\",\"tab\":\"bench-tab-" +
+                                       QByteArray::number(index) + "-000000\"}"));
     if (!socket->waitForReadyRead(5000)) {
         return nullptr;
     }
@@ -212,13 +212,13 @@ int main(int argc, char** argv) {
 
     // Endless bodies.
     Sockets bodies;
-    const QByteArray chunk = QByteArray::number(64 * 1024, 16) + "\r\n" +
-                             QByteArray(64 * 1024, 'b') + "\r\n";
+    const QByteArray chunk =
+        QByteArray::number(64 * 1024, 16) + "\r\n" + QByteArray(64 * 1024, 'b') + "\r\n";
     for (int i = 0; i < 2 * kFlooders; ++i) {
         if (auto socket = connectTo(*port)) {
-            socket->write(i % 2 == 0
-                              ? "POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000000000\r\n\r\n"
-                              : "POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n");
+            socket->write(
+                i % 2 == 0 ? "POST / HTTP/1.1\r\nHost: x\r\nContent-Length: 1000000000000\r\n\r\n"
+                           : "POST / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n");
             bodies.push_back(std::move(socket));
         }
     }
@@ -243,14 +243,14 @@ int main(int argc, char** argv) {
     const double heldMs = pageWaitMs(*port, 901, second);
 
     std::printf("server resident memory (VmRSS), idle (baseline): %6.1f MB\n", idleMb);
-    std::printf("  ping flood, %d unread pages, %.0f MB of pings sent: peak %6.1f MB, %d of %d "
-                "dropped\n",
-                kFlooders, pingFlood.megabytesSent, pingFlood.peakMb, pingFlood.dropped,
-                kFlooders);
-    std::printf("  endless bodies, %d requests (half Content-Length, half chunked), %.0f MB "
-                "sent: peak %6.1f MB, %d of %d cut\n",
-                2 * kFlooders, bodyFlood.megabytesSent, bodyFlood.peakMb, bodyFlood.dropped,
-                2 * kFlooders);
+    std::printf(
+        "  ping flood, %d unread pages, %.0f MB of pings sent: peak %6.1f MB, %d of %d "
+        "dropped\n",
+        kFlooders, pingFlood.megabytesSent, pingFlood.peakMb, pingFlood.dropped, kFlooders);
+    std::printf(
+        "  endless bodies, %d requests (half Content-Length, half chunked), %.0f MB "
+        "sent: peak %6.1f MB, %d of %d cut\n",
+        2 * kFlooders, bodyFlood.megabytesSent, bodyFlood.peakMb, bodyFlood.dropped, 2 * kFlooders);
     std::printf("a page from 127.0.0.2 until its first message:\n");
     std::printf("  no idle pages (baseline):                 %8.2f ms\n", bareMs);
     std::printf("  %d idle pages from 127.0.0.1 (%zu held, %d refused): %8.2f ms\n", kIdlePages,

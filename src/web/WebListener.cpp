@@ -30,6 +30,12 @@ bool WebListener::start(const QHostAddress& address, quint16 port) {
     return true;
 }
 
+QTcpSocket* WebListener::nextPendingConnection() {
+    QTcpSocket* socket = QTcpServer::nextPendingConnection();
+    pauseAccepting();
+    return socket;
+}
+
 void WebListener::acceptWaiting() {
     // A bounded number at a time, so that a crowd at the door doesn't hold up the pages inside.
     for (int taken = 0; taken < 64; ++taken) {

@@ -65,6 +65,9 @@ class WebListener final : public QTcpServer {
     // The client address as counted: IPv4 addresses in their IPv4 form, however they arrived.
     static QString addressOf(const QTcpSocket& socket);
 
+    // Qt's own accepting is turned on again whenever a connection is taken; it stays off.
+    QTcpSocket* nextPendingConnection() override;
+
   protected:
     void incomingConnection(qintptr descriptor) override;
 
