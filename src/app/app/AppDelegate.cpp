@@ -26,6 +26,7 @@
 #include "game/PokerThread.h"
 #include "game/RequestGate.h"
 #include "monitor/DataWindowController.h"
+#include "monitor/JoinCodeWindow.h"
 #include "monitor/StatusItem.h"
 #include "storage/SQLite.h"
 #include "support/MainQueue.h"
@@ -116,6 +117,7 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
 AppDelegate::~AppDelegate() {
     applicationWillTerminate();
     webServer.reset();
+    joinCodeWindow_.reset();
     dataWindowController.reset();
     statusItem.reset();
 }
@@ -246,6 +248,8 @@ void AppDelegate::startWebTable() {
     // The history page reads the database file on its own, read-only connection.
     web.history = historySourceFor(databasePath_);
     web.table = &table();
+    // A page opened on this machine (127.0.0.1) shows a code phones can reach.
+    web.joinLink = [this] { return phoneJoinLink(); };
     webServer = std::make_unique<WebServer>(std::move(web));
     if (webServer->start() == 0) {
         pointlane::tr().info(
@@ -267,7 +271,29 @@ void AppDelegate::startWebTable() {
                 clipboard->setText(joinLinks().join(QLatin1Char('\n')));
             }
         });
+        statusItem->addAction(QString::fromLatin1(kShowJoinCodeTitle), [this] { showJoinCode(); });
     }
+}
+
+QString AppDelegate::phoneJoinLink() const {
+    const QStringList links = joinLinks();
+    return links.isEmpty() ? QString() : links.back();
+}
+
+void AppDelegate::showJoinCode() {
+    if (options_.headless) {
+        return;
+    }
+    // A window of its own rather than a browser tab: it opens on the facilitator's screen at
+    // once, works without a browser, and is what gets shown on the shared screen.
+    if (!joinCodeWindow_) {
+        joinCodeWindow_ = std::make_unique<JoinCodeWindow>(phoneJoinLink());
+    } else {
+        joinCodeWindow_->setLink(phoneJoinLink());
+    }
+    joinCodeWindow_->show();
+    joinCodeWindow_->raise();
+    joinCodeWindow_->activateWindow();
 }
 
 int AppDelegate::webPort() const {
