@@ -296,6 +296,39 @@ TEST_F(FailedStoresTest, AQuitGivesUpAfterItsTimeAndWritesEachUnstoredRecordAsAJ
     EXPECT_EQ(storedRows(path()).size(), 1u);
 }
 
+// A lock another connection holds longer than the busy time-out fails the batch before it
+// writes anything: its records get the ids their rows will have, and the links hold.
+TEST_F(FailedStoresTest, ALockHeldTooLongKeepsTheBatchWithTheIdsItsRowsWillHave) {
+    Table table;
+    table.openGame("Before");
+    table.putDeal("Stored");
+    sqlm().drain();
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open_v2(path().c_str(), &other, SQLITE_OPEN_READWRITE, "unix"), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    CaptureStdout();
+    table.putDeal("While locked");
+    table.elect("Ann");
+    table.elect("Bea");
+    const bool failed =
+        testkit::waitUntil([&] { return !statuses().empty(); }, std::chrono::seconds(30));
+    const std::size_t answered = table.answered().size();
+    const std::size_t stored = storedRows(path()).size();
+    sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    sqlm().drain();
+    const std::string printed = GetCapturedStdout();
+    ASSERT_TRUE(failed);
+    EXPECT_GE(answered, 3u);  // the deal, at least, was answered before anything was stored
+    EXPECT_EQ(stored, 2u);
+    EXPECT_EQ(storedRows(path()), byTable(table.answered()));
+    EXPECT_EQ(table.answered().size(), 5u);
+    EXPECT_EQ(std::get<2>(table.answered()[4]), std::get<1>(table.answered()[2]));
+    EXPECT_NE(printed.find(": database is locked; keeping "), std::string::npos) << printed;
+    EXPECT_NE(printed.find("Pointlane saves to " + path() + " again;"), std::string::npos)
+        << printed;
+}
+
 // The same with a real file system that has no room left: a small one filled to the brim.
 TEST_F(FailedStoresTest, AFullFileSystemKeepsTheRecordsUntilThereIsRoom) {
     const std::filesystem::path mount = dir_.path() / "small";

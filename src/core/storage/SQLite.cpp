@@ -433,6 +433,11 @@ void SQLite::finishTransaction() {
     if (!broken_) {
         return;
     }
+    if (kept_.empty() && !givenUp_) {
+        // Nothing was written: nothing to keep.
+        committed(0);
+        return;
+    }
     announceFailure();
     auto delay = kFirstRetryDelay;
     for (;;) {
