@@ -60,6 +60,12 @@ namespace pointlane {
 // standard error as one JSON line (PendingWrite::jsonLine), and the close says how many there
 // were.
 //
+// A block runs once, whatever happens to its transaction: what it sets from the ids it got
+// (the game's current game and deal) stays right, because a kept row is stored with exactly
+// the id its insert returned, and a later block's links to it hold.
+//
+// The file is kept in WAL mode with synchronous=FULL (every commit is on disk when it returns)
+// and a busy timeout, so another process reading the file never makes a write fail.
 class SQLite final {
   public:
     // The single instance, created on first use and never destroyed.
@@ -167,7 +173,7 @@ class SQLite final {
     // ---- keeping writes while the file can't be written (worker only) ----
 
     // A block of a batch is running on the worker: its writes are kept.
-    bool keepsWrites() const { return recording_ && sqliteQueue_.isCurrent(); }
+    bool keepsWrites() const { return sqliteQueue_.isCurrent() && recording_; }
     // Full disk, I/O error, busy or locked, read-only, no memory: worth trying again.
     static bool isTransient(int code);
     // The transaction can't go on: rolled back (what it wrote is kept), later writes only kept.

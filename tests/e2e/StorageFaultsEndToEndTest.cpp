@@ -1,7 +1,8 @@
-// A server that can't store what it would answer never starts: a home that can't be made, a
-// data folder or a database file that can't be written, a database of a newer layout or a
-// damaged one each end the start with status 1 and one line naming the path, before anything
-// is advertised, and leave the database as it was.
+// The server and a disk that refuses writes. A server that can't store what it would answer
+// never starts: a home that can't be made, a data folder or a database file that can't be
+// written, a database of a newer layout or a damaged one each end the start with status 1 and
+// one line naming the path, before anything is advertised, and leave the database as it was.
+// A disk that fills up during a game loses nothing the server answered.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
@@ -16,7 +17,10 @@
 #include <string>
 #include <vector>
 
+#include "ClientServer.h"
+#include "PokerClient.h"
 #include "ServerProcess.h"
+#include "StoredRows.h"
 #include "TestKit.h"
 
 namespace pointlane {
@@ -24,6 +28,7 @@ namespace {
 
 using testkit::fileText;
 using testkit::ServerProcess;
+using testkit::storedRows;
 using testkit::TempDir;
 
 bool runSql(const std::string& path, const std::string& sql) {
@@ -171,6 +176,84 @@ TEST(StartRefusalTest, WhatCantBeWrittenOrReadEndsTheStartWithOneLineNamingThePa
         EXPECT_EQ(diagnostics.find("Listening on port"), std::string::npos) << diagnostics;
         EXPECT_EQ(fileText(db), before);
     }
+}
+
+// Where the tests may mount: the data folder on a small file system, filled to the brim in the
+// middle of a game and emptied again.
+TEST(FullDiskTest, AGameAnsweredWhileTheDiskIsFullIsStoredWithItsLinksOnceThereIsRoom) {
+    TempDir home;
+    const std::filesystem::path folder = home.path() / ".Pointlane";
+    std::filesystem::create_directories(folder);
+    if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=1m") != 0) {
+        GTEST_SKIP() << "can't mount a small file system here: " << std::strerror(errno);
+    }
+    struct Unmount {
+        std::filesystem::path at;
+        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
+    } unmount{folder};
+    auto server = ServerProcess::start(home.path().string());
+    ASSERT_TRUE(server);
+    auto adminServer = ClientServer::start();
+    auto playerServer = ClientServer::start();
+    auto admin = PokerClient::connect(server->port(), "127.0.0.1", 5.0);
+    auto player = PokerClient::connect(server->port(), "127.0.0.1", 5.0);
+    ASSERT_TRUE(adminServer && playerServer && admin && player);
+    const std::string db = (folder / "Pointlane.sqlite").string();
+    const auto count = [&](const std::string& table) {
+        auto rows = storedRows(db, "SELECT id FROM " + table);
+        return rows ? rows->size() : 0u;
+    };
+    ASSERT_EQ(admin->loginAdmin("Boss", "Full", adminServer->port())->code, 0);
+    ASSERT_EQ(player->loginPlayer("Ann", playerServer->port())->code, 0);
+    ASSERT_EQ(admin->initNewDeal("Before")->code, 0);
+    ASSERT_EQ(admin->cardElected("Ann", "3")->code, 0);
+    ASSERT_TRUE(testkit::waitUntil([&] { return count("Election") == 1; }));
+
+    {
+        std::ofstream filler(folder / "filler", std::ios::binary);
+        const std::string block(4096, 'x');
+        while (filler.write(block.data(), block.size())) {
+        }
+    }
+    int answered = 2;  // the deal and election before
+    for (const char* title : {"During 1", "During 2"}) {
+        ASSERT_EQ(admin->initNewDeal(title)->code, 0);
+        ASSERT_EQ(admin->cardElected("Ann", "5")->code, 0);
+        ASSERT_EQ(admin->cardElected("Boss", "8")->code, 0);
+        answered += 3;
+    }
+    ASSERT_TRUE(testkit::waitUntil([&] {
+        return server->output().find("Pointlane can't save to " + db) != std::string::npos;
+    })) << server->output();
+    const std::size_t storedWhileFull = count("Deal") + count("Election");
+    std::filesystem::remove(folder / "filler");
+    ASSERT_TRUE(testkit::waitUntil([&] {
+        return server->output().find("Pointlane saves to " + db) != std::string::npos;
+    })) << server->output();
+    ASSERT_EQ(admin->cardElected("Ann", "13")->code, 0);  // after: still on "During 2"
+    ++answered;
+    ASSERT_EQ(admin->logout()->code, 0);
+    ASSERT_EQ(server->waitForExit(std::chrono::seconds(20)), std::optional<int>(0));
+
+    const auto rows = storedRows(db,
+                                 "SELECT d.name AS deal, e.playerName AS player, e.symbol AS card "
+                                 "FROM Election e JOIN Deal d ON d.id = e.dealId ORDER BY e.id");
+    ASSERT_TRUE(rows);
+    std::vector<std::string> stored;
+    for (const auto& row : *rows) {
+        stored.push_back(row.at("deal") + "/" + row.at("player") + "/" + row.at("card"));
+    }
+    EXPECT_EQ(stored,
+              (std::vector<std::string>{"Before/Ann/3", "During 1/Ann/5", "During 1/Boss/8",
+                                        "During 2/Ann/5", "During 2/Boss/8", "During 2/Ann/13"}));
+    EXPECT_EQ(count("Game"), 1u);
+    std::printf(
+        "records stored vs answered by the server under a full disk: %zu of %d "
+        "(%zu were in the file while it was full)\n",
+        count("Deal") + count("Election"), answered, storedWhileFull);
+    EXPECT_EQ(count("Deal") + count("Election"), static_cast<std::size_t>(answered));
+    const std::string output = server->output();
+    EXPECT_EQ(output.find("SQLite:"), std::string::npos) << output;
 }
 
 }  // namespace
