@@ -10,6 +10,8 @@
 
 namespace pointlane {
 
+class TableModel;
+
 // The web table's HTTP side: serves the page from the resource tree (":/web/"), the stored
 // history when a HistorySource is given, and hands each WebSocket upgrade on the same port to
 // the WebGateway.
@@ -27,6 +29,7 @@ class WebServer final : public QAbstractHttpServer {
         int port = 50080;  // 0: any free port
         WebGateway::Options gateway;
         HistorySource history;
+        TableModel* table = nullptr;  // the running game's table; not owned, outlives the server
     };
 
     explicit WebServer(Options options, QObject* parent = nullptr);

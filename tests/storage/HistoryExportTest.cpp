@@ -58,7 +58,7 @@ class HistoryExportTest : public testing::StorageFixture {
         agreedDeal = deal(older, kDeal);
         elect(agreedDeal, kPlayer, "1/2");
         elect(agreedDeal, "Bob", "0,5");
-        elect(agreedDeal, "Cy", "du\u017Co");
+        elect(agreedDeal, "Cy", "\u00BD");
         // Recorded twice: the second replaces the first.
         for (const char* value : {"8", "1/2"}) {
             auto estimate = Estimate::make(agreedDeal, value);
@@ -91,7 +91,7 @@ TEST_F(HistoryExportTest, ReaderGivesGamesAndDealsNewestFirstElectionsInOrderInN
     ASSERT_EQ(g.deals.size(), 2u);
     EXPECT_EQ(g.deals[0].deal.id, agreedDeal);
     EXPECT_EQ(g.deals[0].deal.name, kDeal);
-    EXPECT_EQ(g.deals[0].statistics.cards, (std::vector<std::string>{"1/2", "0,5", "du\u017Co"}));
+    EXPECT_EQ(g.deals[0].statistics.cards, (std::vector<std::string>{"1/2", "0,5", "\u00BD"}));
     EXPECT_TRUE(g.deals[0].statistics.consensus);
     EXPECT_EQ(g.deals[0].elections[0].playerName, kPlayer);
     EXPECT_EQ(g.deals[1].statistics.numericCount, 0u);
@@ -151,8 +151,8 @@ TEST_F(HistoryExportTest, CsvAndJsonParseBackToTheStoredHistory) {
     EXPECT_EQ(agreed[4], kPlayer);
     EXPECT_EQ(agreed[5], "1/2");
     EXPECT_EQ((std::vector<std::string>(agreed.begin() + 6, agreed.end())),
-              (std::vector<std::string>{"3", "2", "0.5", "0.5", "0.5", "0.5", "true", "1/2"}));
-    EXPECT_EQ((*rows)[4][5], "du\u017Co");
+              (std::vector<std::string>{"3", "3", "0.5", "0.5", "0.5", "0.5", "true", "1/2"}));
+    EXPECT_EQ((*rows)[4][5], "\u00BD");
     EXPECT_EQ((*rows)[5][5], "?");
     EXPECT_EQ((*rows)[6][5], "\u2615");
     EXPECT_EQ((*rows)[6][12], "false");
@@ -183,8 +183,8 @@ TEST_F(HistoryExportTest, CsvAndJsonParseBackToTheStoredHistory) {
     EXPECT_EQ(d["estimate"], "1/2");
     EXPECT_TRUE(g["deals"][1]["estimate"].is_null());
     EXPECT_EQ(d["elections"][0]["player"], kPlayer);
-    EXPECT_EQ(d["elections"][2]["card"], "du\u017Co");
-    EXPECT_EQ(d["statistics"]["cards"], nlohmann::json({"1/2", "0,5", "du\u017Co"}));
+    EXPECT_EQ(d["elections"][2]["card"], "\u00BD");
+    EXPECT_EQ(d["statistics"]["cards"], nlohmann::json({"1/2", "0,5", "\u00BD"}));
     EXPECT_EQ(d["statistics"]["average"], 0.5);
     EXPECT_EQ(d["statistics"]["consensus"], true);
     const auto& text = g["deals"][1]["statistics"];

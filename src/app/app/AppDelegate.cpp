@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
 #include <thread>
 
@@ -23,6 +24,7 @@
 #include "app/HistoryProvider.h"
 #include "app/SchemaLocation.h"
 #include "app/ServiceAdvertiser.h"
+#include "game/GameEvents.h"
 #include "game/GameHandlers.h"
 #include "game/GameState.h"
 #include "game/PlayerStore.h"
@@ -30,10 +32,13 @@
 #include "game/RequestGate.h"
 #include "monitor/DataWindowController.h"
 #include "monitor/StatusItem.h"
+#include "storage/Estimate.h"
 #include "storage/SQLite.h"
 #include "storage/SchemaVersion.h"
 #include "support/MainQueue.h"
+#include "support/NoDestructor.h"
 #include "support/Tracer.h"
+#include "table/TableModel.h"
 
 namespace pointlane {
 
@@ -96,7 +101,38 @@ std::optional<std::string> fileWriteRefusal(const std::string& path) {
     return std::nullopt;
 }
 
+// Feeds the table from the game's events. Done once, before the first listener starts: the
+// events are read by connection threads that may outlive any one delegate.
+void feedTableFromGame(TableModel& table) {
+    static std::once_flag once;
+    std::call_once(once, [&table] {
+        GameEvents events;
+        events.gameOpened = [&table](const std::string& facilitator, const std::string& game) {
+            table.gameOpened(facilitator, game);
+        };
+        events.playerJoined = [&table](const std::string& name) { table.playerJoined(name); };
+        events.playerLeft = [&table](const std::string& name) { table.playerLeft(name); };
+        events.itemPut = [&table](const std::string& title) { table.itemPut(title); };
+        events.played = [&table](const std::string& name) { table.played(name); };
+        events.cardsOpened = [&table] { table.cardsOpened(); };
+        events.cardElected = [&table](const std::string& name, const std::string& card) {
+            table.cardElected(name, card);
+        };
+        events.dealStored = [&table](const std::string& title, std::int64_t dealId) {
+            table.dealStored(title, dealId);
+        };
+        GameEvents::install(std::move(events));
+        // A final estimate the table records is stored with its deal.
+        table.setEstimateSink(&Estimate::record);
+    });
+}
+
 }  // namespace
+
+TableModel& AppDelegate::table() {
+    static NoDestructor<TableModel> model;
+    return *model;
+}
 
 std::shared_ptr<AppDelegate> AppDelegate::create(Options options) {
     return std::shared_ptr<AppDelegate>(new AppDelegate(options));
@@ -153,11 +189,11 @@ void AppDelegate::applicationWillFinishLaunching() {
     if (statusItem) {
         statusItem->setToolTip(QString::fromLatin1(StatusItem::kToolTip));
     }
-    // Whoever watches the server hears when stores fail and when they succeed again. The
-    // standard output line comes from the database itself.
-    // TODO(integrator): also hand `failing` to the table model's setSavingFailed, so that every
-    // page says "The server can't save right now" (the model comes with the shared table).
+    // Whoever watches the server hears when stores fail and when they succeed again: the
+    // table (so every page says so) at once, the tray on the main thread. The standard output
+    // line comes from the database itself.
     sqlm().setWriteStatusListener([weak = weak_from_this()](bool failing, const std::string& why) {
+        table().setSavingFailed(failing);
         after(0, [weak, failing, why] {
             if (auto self = weak.lock()) {
                 self->writeStatusChanged(failing, why);
@@ -224,6 +260,7 @@ void AppDelegate::applicationDidFinishLaunching() {
         }
         terminate(status);
     });
+    feedTableFromGame(table());
 
     server = Server::create(weak_from_this());
     const int port = options_.port;
@@ -302,6 +339,7 @@ void AppDelegate::startWebTable() {
     };
     // The history page reads the database file on its own, read-only connection.
     web.history = historySourceFor(databasePath_);
+    web.table = &table();
     webServer = std::make_unique<WebServer>(std::move(web));
     if (webServer->start() == 0) {
         pointlane::tr().info(

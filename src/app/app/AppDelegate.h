@@ -17,6 +17,7 @@ class DataFolderLock;
 class DataWindowController;
 class ServiceAdvertiser;
 class StatusItem;
+class TableModel;
 class WebServer;
 
 // Owns everything that lives as long as the process: the database location, the listener,
@@ -89,6 +90,9 @@ class AppDelegate final : public QObject,
     int webPort() const;
     // The links players open: http://<host name>.local:<port>/ and the IPv4 address form.
     QStringList joinLinks() const;
+    // The running game's table, one for the process, fed by the game's events from the first
+    // launch on; the web table draws every page from it. Thread safe.
+    static TableModel& table();
 
   public slots:
     // Tray menu: show the monitor window. While one is open (or closed less than 0.1 s ago)

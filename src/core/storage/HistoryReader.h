@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "rules/RoundStatistics.h"
 #include "storage/Deal.h"
 #include "storage/Election.h"
 #include "storage/Game.h"
-#include "storage/RoundStatistics.h"
 #include "storage/SQLiteHandle.h"
 
 struct sqlite3;
