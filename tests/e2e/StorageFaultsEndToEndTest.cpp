@@ -9,11 +9,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <signal.h>
+
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -179,42 +184,57 @@ TEST(StartRefusalTest, WhatCantBeWrittenOrReadEndsTheStartWithOneLineNamingThePa
 }
 
 // Where the tests may mount: the data folder on a small file system, filled to the brim in the
-// middle of a game and emptied again.
-TEST(FullDiskTest, AGameAnsweredWhileTheDiskIsFullIsStoredWithItsLinksOnceThereIsRoom) {
-    TempDir home;
-    const std::filesystem::path folder = home.path() / ".Pointlane";
-    std::filesystem::create_directories(folder);
-    if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=1m") != 0) {
-        GTEST_SKIP() << "can't mount a small file system here: " << std::strerror(errno);
-    }
-    struct Unmount {
-        std::filesystem::path at;
-        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
-    } unmount{folder};
-    auto server = ServerProcess::start(home.path().string());
-    ASSERT_TRUE(server);
-    auto adminServer = ClientServer::start();
-    auto playerServer = ClientServer::start();
-    auto admin = PokerClient::connect(server->port(), "127.0.0.1", 5.0);
-    auto player = PokerClient::connect(server->port(), "127.0.0.1", 5.0);
-    ASSERT_TRUE(adminServer && playerServer && admin && player);
-    const std::string db = (folder / "Pointlane.sqlite").string();
-    const auto count = [&](const std::string& table) {
-        auto rows = storedRows(db, "SELECT id FROM " + table);
-        return rows ? rows->size() : 0u;
-    };
-    ASSERT_EQ(admin->loginAdmin("Boss", "Full", adminServer->port())->code, 0);
-    ASSERT_EQ(player->loginPlayer("Ann", playerServer->port())->code, 0);
-    ASSERT_EQ(admin->initNewDeal("Before")->code, 0);
-    ASSERT_EQ(admin->cardElected("Ann", "3")->code, 0);
-    ASSERT_TRUE(testkit::waitUntil([&] { return count("Election") == 1; }));
-
-    {
-        std::ofstream filler(folder / "filler", std::ios::binary);
+// middle of a game (after a deal and its election were stored) and emptied again.
+class FullDiskTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::filesystem::create_directories(folder_);
+        if (::mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=1m") != 0) {
+            GTEST_SKIP() << "can't mount a small file system here: " << std::strerror(errno);
+        }
+        mounted_ = true;
+        server = ServerProcess::start(home_.path().string());
+        ASSERT_TRUE(server);
+        adminServer = ClientServer::start();
+        playerServer = ClientServer::start();
+        admin = PokerClient::connect(server->port(), "127.0.0.1", 5.0);
+        player = PokerClient::connect(server->port(), "127.0.0.1", 5.0);
+        ASSERT_TRUE(adminServer && playerServer && admin && player);
+        ASSERT_EQ(admin->loginAdmin("Boss", "Full", adminServer->port())->code, 0);
+        ASSERT_EQ(player->loginPlayer("Ann", playerServer->port())->code, 0);
+        ASSERT_EQ(admin->initNewDeal("Before")->code, 0);
+        ASSERT_EQ(admin->cardElected("Ann", "3")->code, 0);
+        ASSERT_TRUE(testkit::waitUntil([&] { return count("Election") == 1; }));
+        std::ofstream filler(folder_ / "filler", std::ios::binary);
         const std::string block(4096, 'x');
         while (filler.write(block.data(), block.size())) {
         }
     }
+    void TearDown() override {
+        server.reset();
+        if (mounted_) {
+            ::umount2(folder_.c_str(), MNT_DETACH);
+        }
+    }
+    void makeRoom() { std::filesystem::remove(folder_ / "filler"); }
+    std::size_t count(const std::string& table) const {
+        auto rows = storedRows(db, "SELECT id FROM " + table);
+        return rows ? rows->size() : 0u;
+    }
+    bool saysItCantSave() const {
+        return server->output().find("Pointlane can't save to " + db) != std::string::npos;
+    }
+
+    TempDir home_;
+    std::filesystem::path folder_ = home_.path() / ".Pointlane";
+    bool mounted_ = false;
+    const std::string db = (folder_ / "Pointlane.sqlite").string();
+    std::unique_ptr<ServerProcess> server;
+    std::unique_ptr<ClientServer> adminServer, playerServer;
+    std::unique_ptr<PokerClient> admin, player;
+};
+
+TEST_F(FullDiskTest, AGameAnsweredWhileTheDiskIsFullIsStoredWithItsLinksOnceThereIsRoom) {
     int answered = 2;  // the deal and election before
     for (const char* title : {"During 1", "During 2"}) {
         ASSERT_EQ(admin->initNewDeal(title)->code, 0);
@@ -222,11 +242,9 @@ TEST(FullDiskTest, AGameAnsweredWhileTheDiskIsFullIsStoredWithItsLinksOnceThereI
         ASSERT_EQ(admin->cardElected("Boss", "8")->code, 0);
         answered += 3;
     }
-    ASSERT_TRUE(testkit::waitUntil([&] {
-        return server->output().find("Pointlane can't save to " + db) != std::string::npos;
-    })) << server->output();
+    ASSERT_TRUE(testkit::waitUntil([&] { return saysItCantSave(); })) << server->output();
     const std::size_t storedWhileFull = count("Deal") + count("Election");
-    std::filesystem::remove(folder / "filler");
+    makeRoom();
     ASSERT_TRUE(testkit::waitUntil([&] {
         return server->output().find("Pointlane saves to " + db) != std::string::npos;
     })) << server->output();
@@ -254,6 +272,42 @@ TEST(FullDiskTest, AGameAnsweredWhileTheDiskIsFullIsStoredWithItsLinksOnceThereI
     EXPECT_EQ(count("Deal") + count("Election"), static_cast<std::size_t>(answered));
     const std::string output = server->output();
     EXPECT_EQ(output.find("SQLite:"), std::string::npos) << output;
+}
+
+// A quit while the disk is still full tries for a bounded time, then writes what it couldn't
+// store on standard error, one JSON line per record, and says how many.
+TEST_F(FullDiskTest, AQuitWhileTheDiskIsFullWritesTheUnsavedRecordsOutAndSaysHowMany) {
+    ASSERT_EQ(admin->initNewDeal("Never stored")->code, 0);
+    ASSERT_EQ(admin->cardElected("Ann", "5")->code, 0);
+    ASSERT_EQ(admin->cardElected("Boss", "8")->code, 0);
+    ASSERT_TRUE(testkit::waitUntil([&] { return saysItCantSave(); })) << server->output();
+    const auto started = std::chrono::steady_clock::now();
+    server->signal(SIGTERM);
+    ASSERT_EQ(server->waitForExit(std::chrono::seconds(30)), std::optional<int>(0));
+    const auto took = std::chrono::steady_clock::now() - started;
+    EXPECT_GE(took, std::chrono::seconds(9));
+    EXPECT_LT(took, std::chrono::seconds(20));
+    std::vector<std::string> records;
+    std::istringstream err(server->diagnostics());
+    for (std::string line; std::getline(err, line);) {
+        if (!line.empty() && line.front() == '{') {
+            records.push_back(line);
+        }
+    }
+    ASSERT_EQ(records.size(), 3u) << server->diagnostics();
+    const auto deal = nlohmann::json::parse(records[0]);
+    EXPECT_EQ(deal["table"], "Deal");
+    EXPECT_EQ(deal["values"]["name"], "Never stored");
+    for (const std::size_t i : {1u, 2u}) {
+        const auto election = nlohmann::json::parse(records[i]);
+        EXPECT_EQ(election["table"], "Election");
+        EXPECT_EQ(election["values"]["dealId"], deal["values"]["id"]);
+    }
+    EXPECT_NE(server->output().find("Pointlane couldn't save 3 records to " + db),
+              std::string::npos)
+        << server->output();
+    makeRoom();
+    EXPECT_EQ(count("Deal"), 1u);
 }
 
 }  // namespace
