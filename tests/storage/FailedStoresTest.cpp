@@ -1,19 +1,14 @@
 // Stores that fail because the file can't be written (a full disk) are kept and stored once it
 // can, with the ids the records were given and the links between them; a quit that can't wait
 // any longer writes them out. The disk is made full on demand by a file system wrapped around
-// the default one, and, where the tests may mount, by a small file system filled to the brim.
+// the default one (the end-to-end tests fill a real one).
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/mount.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -327,48 +322,6 @@ TEST_F(FailedStoresTest, ALockHeldTooLongKeepsTheBatchWithTheIdsItsRowsWillHave)
     EXPECT_NE(printed.find(": database is locked; keeping "), std::string::npos) << printed;
     EXPECT_NE(printed.find("Pointlane saves to " + path() + " again;"), std::string::npos)
         << printed;
-}
-
-// The same with a real file system that has no room left: a small one filled to the brim.
-TEST_F(FailedStoresTest, AFullFileSystemKeepsTheRecordsUntilThereIsRoom) {
-    const std::filesystem::path mount = dir_.path() / "small";
-    std::filesystem::create_directory(mount);
-    if (::mount("tmpfs", mount.c_str(), "tmpfs", 0, "size=512k") != 0) {
-        GTEST_SKIP() << "can't mount a small file system here: " << std::strerror(errno);
-    }
-    struct Unmount {
-        std::filesystem::path at;
-        ~Unmount() { ::umount2(at.c_str(), MNT_DETACH); }
-    } unmount{mount};
-    sqlm().close();
-    FaultyFileSystem::uninstall();  // the real disk only
-    const std::string db = (mount / "Pointlane.sqlite").string();
-    ASSERT_TRUE(sqlm().create(db));
-    Table table;
-    table.openGame("Small");
-    sqlm().drain();
-    {
-        std::ofstream filler(mount / "filler", std::ios::binary);
-        const std::string block(4096, 'x');
-        while (filler.write(block.data(), block.size())) {
-        }
-    }
-    CaptureStdout();
-    for (int i = 0; i < 40; ++i) {
-        table.putDeal("Deal " + std::to_string(i) + std::string(2000, 'd'));
-        table.elect("Ann");
-    }
-    const bool failed = testkit::waitUntil([&] { return !statuses().empty(); });
-    std::filesystem::remove(mount / "filler");
-    sqlm().drain();
-    const std::string printed = GetCapturedStdout();
-    ASSERT_TRUE(failed) << "the full file system never refused a write";
-    EXPECT_NE(printed.find("Pointlane saves to " + db + " again;"), std::string::npos) << printed;
-    sqlm().close();
-    std::printf("records stored vs answered on a full file system: %zu of %zu\n",
-                storedRows(db).size(), table.answered().size());
-    EXPECT_EQ(storedRows(db), byTable(table.answered()));
-    EXPECT_EQ(table.answered().size(), 81u);
 }
 
 }  // namespace

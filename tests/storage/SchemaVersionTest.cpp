@@ -10,6 +10,7 @@
 
 #include "StorageFixture.h"
 #include "storage/Estimate.h"
+#include "storage/HistoryReader.h"
 #include "storage/SQLite.h"
 
 namespace pointlane {
@@ -84,6 +85,11 @@ TEST_F(SchemaVersionTest, ADatabaseOfTheFirstReleaseIsUpgradedInPlaceWithEveryRo
     ASSERT_EQ(before[0].size(), 2u);
 
     EXPECT_EQ(SchemaVersion::check(old), std::nullopt);
+    // The export reads a file of the first layout as it is: no estimates yet.
+    const HistoryResult read = HistoryReader::read(old, std::nullopt);
+    ASSERT_TRUE(read.ok()) << read.error;
+    ASSERT_EQ(read.history->games.size(), 2u);
+    EXPECT_EQ(read.history->games[0].deals.at(0).estimate, std::nullopt);
     sqlm().close();
     ASSERT_TRUE(sqlm().open(old));
     EXPECT_EQ(SchemaVersion::version(sqlm()), std::optional<int>(0));
@@ -109,6 +115,10 @@ TEST_F(SchemaVersionTest, ADatabaseOfTheFirstReleaseIsUpgradedInPlaceWithEveryRo
     // Upgrading again changes nothing.
     EXPECT_EQ(SchemaVersion::upgrade(sqlm()), std::nullopt);
     sqlm().close();
+
+    const HistoryResult upgraded = HistoryReader::read(old, 9);
+    ASSERT_TRUE(upgraded.ok()) << upgraded.error;
+    EXPECT_EQ(upgraded.history->games.at(0).deals.at(0).estimate, std::optional<std::string>("13"));
 
     // An upgraded file and a new one have the same layout.
     const std::string layout =
