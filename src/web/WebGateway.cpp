@@ -1,5 +1,6 @@
 #include "WebGateway.h"
 
+#include <QTimer>
 #include <QWebSocket>
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -42,6 +43,17 @@ void WebGateway::accept(QWebSocket* socket) {
         }
     });
     connect(socket, &QWebSocket::disconnected, this, [this, socket] { gone(socket); });
+    closeUnlessHelloWithin(socket);
+}
+
+void WebGateway::closeUnlessHelloWithin(QWebSocket* socket) {
+    // An open socket that never says which tab it is would hold a place for nothing.
+    QTimer::singleShot(options_.helloTimeoutMs, socket, [this, socket] {
+        auto found = links_.find(socket);
+        if (found != links_.end() && found->second.tab.empty() && !found->second.greeted) {
+            drop(socket, QStringLiteral("No hello"));
+        }
+    });
 }
 
 bool WebGateway::withinRate(Link& link) {
@@ -110,6 +122,7 @@ void WebGateway::received(QWebSocket* socket, const QString& text) {
 
 void WebGateway::hello(QWebSocket* socket, const std::string& tab) {
     Link& link = links_[socket];
+    link.greeted = true;
     if (!link.tab.empty()) {
         // Asked again (after a refused login): the page is sent what it should show now.
         if (link.tab != tab) {

@@ -21,7 +21,8 @@ class WebSession;
 //
 // Limits: frames and messages above 64 KiB close the socket; a page that sends more than a
 // burst of messages faster than the steady rate is closed; a page whose unsent messages pass
-// the send limit is dropped. Each limit touches only the page that broke it.
+// the send limit is dropped; a page that doesn't say hello within the hello time-out is
+// closed. Each limit touches only the page that broke it.
 //
 // Threading: the Qt thread that made it, only.
 class WebGateway final : public QObject {
@@ -33,6 +34,7 @@ class WebGateway final : public QObject {
         int burst = 40;                 // messages a page may send at once...
         double messagesPerSecond = 20;  // ...and steadily afterwards
         int maxSessions = 64;           // open pages (seated or not) at one time
+        int helloTimeoutMs = 5000;      // a page that hasn't said hello by then is closed
         // The game's name while an administrator is logged in; nothing when no game is open.
         // Unset: the gateway knows only what its own seats have seen.
         std::function<std::optional<std::string>()> currentGame;
@@ -51,7 +53,8 @@ class WebGateway final : public QObject {
 
   private:
     struct Link {
-        std::string tab;  // empty until the page said hello
+        std::string tab;       // empty until the page said hello
+        bool greeted = false;  // it said hello (its tab may have been cleared since)
         double tokens = 0;
         std::chrono::steady_clock::time_point refilled;
     };
@@ -63,6 +66,8 @@ class WebGateway final : public QObject {
     void sendError(QWebSocket* socket, const std::string& text);
     void sendLobby(QWebSocket* socket);
     void drop(QWebSocket* socket, const QString& reason);
+    // Closes socket unless its page has said hello within the hello time-out.
+    void closeUnlessHelloWithin(QWebSocket* socket);
     // True while the page stays within its message rate.
     bool withinRate(Link& link);
     WebSession* sessionOf(QWebSocket* socket);

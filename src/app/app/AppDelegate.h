@@ -15,8 +15,10 @@ namespace pointlane {
 
 class DataFolderLock;
 class DataWindowController;
+class JoinCodeWindow;
 class ServiceAdvertiser;
 class StatusItem;
+class TableModel;
 class WebServer;
 
 // Owns everything that lives as long as the process: the database location, the listener,
@@ -24,7 +26,8 @@ class WebServer;
 //
 // Desktop mode: the tray item is made at construction, gets its tooltip before launch
 // completes and its icon and menu ("Show monitor" -> statusDidCliecked(), "Quit Pointlane" ->
-// quitDidClicked()) when launch has completed; --monitor then opens the window at once.
+// quitDidClicked()) when launch has completed; --monitor then opens the window at once. With
+// the web table the menu also has "Copy join link" and "Show join code" (showJoinCode()).
 //
 // Start: create() (database folder, its lock, database path), applicationWillFinishLaunching()
 // (database opened or created, known players emptied), applicationDidFinishLaunching() (tray
@@ -47,6 +50,7 @@ class AppDelegate final : public QObject,
     static constexpr int kDefaultWebPort = 50080;
     static constexpr const char* kWebServiceType = "_http._tcp";
     static constexpr const char* kCopyLinkTitle = "Copy join link";
+    static constexpr const char* kShowJoinCodeTitle = "Show join code";
     static constexpr const char* kServiceDomain = "local.";
     static constexpr const char* kServiceType = "_pointlane._tcp";
     static constexpr const char* kServiceName = "Pointlane";
@@ -62,14 +66,16 @@ class AppDelegate final : public QObject,
     };
 
     // Makes the database folder ($HOME/.Pointlane), locks it and fixes the database path; a
-    // folder that can't be made or locked (another server uses it) stops the process with
-    // status 1 and one line saying why.
+    // folder that can't be made, written or locked (another server uses it), or a database file
+    // that can't be written, stops the process with status 1 and one line naming the path and
+    // saying why.
     static std::shared_ptr<AppDelegate> create(Options options);
     ~AppDelegate() override;
 
-    // Opens the database, or creates it when the file is missing or not a database, and
-    // empties the known players. A database that can't be opened or created stops the
-    // process ("Can't open the database." / "Can't create the database.").
+    // Opens the database (upgrading an older layout in place), or creates it when the file is
+    // missing or not a database, and empties the known players. A database of a newer layout,
+    // a damaged one, or one that can't be opened, upgraded or created stops the process with
+    // one line ("Can't open the database." / "Can't create the database." / the reason).
     void applicationWillFinishLaunching();
     // Shows the tray item's icon and menu, then starts the listener on its own thread, waits
     // until it listens (or gave up), reports the port and publishes the advertisement.
@@ -87,6 +93,12 @@ class AppDelegate final : public QObject,
     int webPort() const;
     // The links players open: http://<host name>.local:<port>/ and the IPv4 address form.
     QStringList joinLinks() const;
+    // The running game's table, one for the process, fed by the game's events from the first
+    // launch on; the web table draws every page from it. Thread safe.
+    static TableModel& table();
+    // The one link for a phone: the IPv4 address form (phones don't all resolve .local names),
+    // else the host name form; empty without a web table.
+    QString phoneJoinLink() const;
 
   public slots:
     // Tray menu: show the monitor window. While one is open (or closed less than 0.1 s ago)
@@ -100,8 +112,13 @@ class AppDelegate final : public QObject,
     // The monitor window was closed; its controller is dropped 0.1 s later, outside the
     // window's own close handling.
     void windowClose() override;
+    // Tray menu "Show join code": a window with the join link's QR code and the link, brought
+    // to the front (made once, then shown again with the current link).
+    void showJoinCode();
 
   public:
+    // The join code window once it was asked for; nullptr before.
+    JoinCodeWindow* joinCodeWindow() const { return joinCodeWindow_.get(); }
     // The open monitor window's controller, nullptr when there is none.
     DataWindowController* monitorWindow() const { return dataWindowController.get(); }
     // The tray item; nullptr in headless mode.
@@ -116,6 +133,8 @@ class AppDelegate final : public QObject,
     // one), closes the database and ends the event loop with status 1; nothing is advertised.
     void cantServe();
     void startWebTable();
+    // Stores started failing, or work again: the tray says so (main thread).
+    void writeStatusChanged(bool failing, const std::string& reason);
     // Ends the event loop with status; main() then withdraws the advertisement and exits.
     static void terminate(int status);
 
@@ -131,6 +150,7 @@ class AppDelegate final : public QObject,
     std::unique_ptr<StatusItem> statusItem;
     // The monitor window's controller while the window is open (desktop mode).
     std::unique_ptr<DataWindowController> dataWindowController;
+    std::unique_ptr<JoinCodeWindow> joinCodeWindow_;
     std::shared_ptr<std::atomic<bool>> listenerEnded_ = std::make_shared<std::atomic<bool>>(false);
     bool quitting_ = false;
 };

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "game/GameEvents.h"
 #include "game/GameState.h"
 #include "game/Player.h"
 #include "game/PlayerStore.h"
@@ -189,7 +190,12 @@ void GameHandlers::loginAdmin(const Request& request, const std::shared_ptr<Sock
         refuse(socket, AnswerMessage::cantConnectToClientServer);
         return;
     }
-    const auto added = store.tryAdd(std::move(player));
+    // The game opens for the rest of the process in the same step, before any player can join.
+    const auto added = store.tryAdd(std::move(player), [&] {
+        if (const auto& opened = GameEvents::current().gameOpened) {
+            opened(data->playerName, data->gameName);
+        }
+    });
     if (added.refusal != PlayerStore::AddRefusal::none) {
         // Another administrator got in while this one was connecting back.
         refuse(socket, AnswerMessage::adminAlreadyLoggenIn);
@@ -253,7 +259,11 @@ void GameHandlers::loginPlayer(const Request& request, const std::shared_ptr<Soc
     sqlm().async([name = data->playerName, address] { storeKnownPlayer(name, address); });
 
     accept(socket, added.token, store.gameName(), players);
-    store.addedPlayerBroadcast(data->playerName);
+    store.addedPlayerBroadcast(data->playerName, [&] {
+        if (const auto& joined = GameEvents::current().playerJoined) {
+            joined(data->playerName);
+        }
+    });
 }
 
 void GameHandlers::logout(const Request& request, const std::shared_ptr<Socket>& socket) {
@@ -277,7 +287,11 @@ void GameHandlers::logout(const Request& request, const std::shared_ptr<Socket>&
         }
     });
 
-    store.removedPlayerBroadcast(player->name);
+    store.removedPlayerBroadcast(player->name, [&] {
+        if (const auto& left = GameEvents::current().playerLeft) {
+            left(player->name);
+        }
+    });
 
     if (player->isAdmin) {
         // The game is closed in line with the record writes: deals and elections submitted
@@ -310,10 +324,17 @@ void GameHandlers::initNewDeal(const Request& request, const std::shared_ptr<Soc
         if (deal && deal->save()) {
             post(Event::dealTableDidChange);
             GameState::setCurrentDealID(deal->id);
+            if (const auto& stored = GameEvents::current().dealStored) {
+                stored(title, deal->id);
+            }
         }
     });
 
-    PlayerStore::shared().newDealBroadcast(request.data);
+    PlayerStore::shared().newDealBroadcast(request.data, [&] {
+        if (const auto& put = GameEvents::current().itemPut) {
+            put(*title);
+        }
+    });
     accept(socket, token);
 }
 
@@ -322,7 +343,14 @@ void GameHandlers::play(const Request& request, const std::shared_ptr<Socket>& s
         refuse(socket, AnswerMessage::invalidToken);
         return;
     }
-    PlayerStore::shared().playBroadcast();
+    auto& store = PlayerStore::shared();
+    const auto name = store.nameOf(*request.token);
+    store.playBroadcast([&] {
+        const auto& played = GameEvents::current().played;
+        if (played && name) {
+            played(*name);
+        }
+    });
     accept(socket, *request.token);
 }
 
@@ -331,7 +359,11 @@ void GameHandlers::openCards(const Request& request, const std::shared_ptr<Socke
         refuse(socket, AnswerMessage::invalidToken);
         return;
     }
-    PlayerStore::shared().openCardsBroadcast();
+    PlayerStore::shared().openCardsBroadcast([] {
+        if (const auto& opened = GameEvents::current().cardsOpened) {
+            opened();
+        }
+    });
     accept(socket, *request.token);
 }
 
@@ -356,7 +388,11 @@ void GameHandlers::cardElected(const Request& request, const std::shared_ptr<Soc
         }
     });
 
-    PlayerStore::shared().cardElectedBroadcast(request.data);
+    PlayerStore::shared().cardElectedBroadcast(request.data, [&] {
+        if (const auto& elected = GameEvents::current().cardElected) {
+            elected(*playerName, *symbol);
+        }
+    });
     accept(socket, token);
 }
 

@@ -1,47 +1,16 @@
 #include "game/PlayerStore.h"
 
-#include <unicode/locid.h>
-#include <unicode/normalizer2.h>
-#include <unicode/unistr.h>
-
 #include <nlohmann/json.hpp>
 #include <utility>
 #include <vector>
 
+#include "rules/TextRules.h"
 #include "support/NoDestructor.h"
 #include "support/ToolBox.h"
 #include "transport/Frame.h"
 #include "transport/Request.h"
 
 namespace pointlane {
-
-namespace {
-
-// The form in which two names are compared: canonically composed, lower-cased by the current
-// locale's rules, and composed again (lower-casing may decompose). Canonically equivalent
-// spellings of one name therefore get the same key.
-std::string nameKey(const std::string& name) {
-    UErrorCode status = U_ZERO_ERROR;
-    const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
-    if (U_FAILURE(status) || nfc == nullptr) {
-        return name;
-    }
-    icu::UnicodeString text = icu::UnicodeString::fromUTF8(name);
-    icu::UnicodeString composed = nfc->normalize(text, status);
-    if (U_FAILURE(status)) {
-        return name;
-    }
-    composed.toLower(icu::Locale::getDefault());
-    icu::UnicodeString key = nfc->normalize(composed, status);
-    if (U_FAILURE(status)) {
-        return name;
-    }
-    std::string utf8;
-    key.toUTF8String(utf8);
-    return utf8;
-}
-
-}  // namespace
 
 PlayerStore& PlayerStore::shared() {
     static NoDestructor<PlayerStore> store;
@@ -58,9 +27,8 @@ bool PlayerStore::existsAdminLocked() const {
 }
 
 bool PlayerStore::nameInUseLocked(const std::string& name) const {
-    const std::string key = nameKey(name);
     for (const auto& [token, player] : data_) {
-        if (nameKey(player->name) == key) {
+        if (sameName(player->name, name)) {
             return true;
         }
     }
@@ -91,7 +59,8 @@ std::string PlayerStore::add(std::shared_ptr<Player> player) {
     return token;
 }
 
-PlayerStore::AddResult PlayerStore::tryAdd(std::shared_ptr<Player> player) {
+PlayerStore::AddResult PlayerStore::tryAdd(std::shared_ptr<Player> player,
+                                           const std::function<void()>& whenAdded) {
     AddResult result;
     result.refusal = AddRefusal::adminNotRegistered;  // what a lock failure leaves
     mutex_.sync([&] {
@@ -106,6 +75,9 @@ PlayerStore::AddResult PlayerStore::tryAdd(std::shared_ptr<Player> player) {
             result.refusal = AddRefusal::none;
             result.token = newTokenLocked();
             data_.emplace(result.token, std::move(player));
+            if (whenAdded) {
+                whenAdded();
+            }
         }
     });
     return result;
@@ -120,6 +92,16 @@ bool PlayerStore::isNameInUse(const std::string& name) {
 bool PlayerStore::contains(const std::string& token) {
     bool result = false;
     mutex_.sync([&] { result = data_.find(token) != data_.end(); });
+    return result;
+}
+
+std::optional<std::string> PlayerStore::nameOf(const std::string& token) {
+    std::optional<std::string> result;
+    mutex_.sync([&] {
+        if (auto it = data_.find(token); it != data_.end()) {
+            result = it->second->name;
+        }
+    });
     return result;
 }
 
@@ -177,7 +159,8 @@ void PlayerStore::reset() {
     });
 }
 
-void PlayerStore::broadcast(RequestCode code, const std::optional<Bytes>& data) {
+void PlayerStore::broadcast(RequestCode code, const std::optional<Bytes>& data,
+                            const AfterSending& afterSending) {
     mutex_.sync([&] {
         Request notification;
         notification.request = code;
@@ -193,40 +176,49 @@ void PlayerStore::broadcast(RequestCode code, const std::optional<Bytes>& data) 
             frames.push_back(OutgoingFrame{player->clientSocket, std::move(*body)});
         }
         sendFrames(frames, std::chrono::steady_clock::now() + kNotificationBound);
+        if (afterSending) {
+            afterSending();
+        }
     });
 }
 
-void PlayerStore::nameBroadcast(RequestCode code, const std::string& name) {
+void PlayerStore::nameBroadcast(RequestCode code, const std::string& name,
+                                const AfterSending& afterSending) {
     // The object is the same for every recipient, so it is serialised once; when it can't be,
     // nobody gets the notification.
     const std::optional<Bytes> data = ToolBox::toJsonObject(nlohmann::json{{"player_name", name}});
     if (data) {
-        broadcast(code, data);
+        broadcast(code, data, afterSending);
+    } else if (afterSending) {
+        mutex_.sync([&] { afterSending(); });
     }
 }
 
-void PlayerStore::addedPlayerBroadcast(const std::string& name) {
-    nameBroadcast(RequestCode::playerAdded, name);
+void PlayerStore::addedPlayerBroadcast(const std::string& name, const AfterSending& afterSending) {
+    nameBroadcast(RequestCode::playerAdded, name, afterSending);
 }
 
-void PlayerStore::removedPlayerBroadcast(const std::string& name) {
-    nameBroadcast(RequestCode::playerRemoved, name);
+void PlayerStore::removedPlayerBroadcast(const std::string& name,
+                                         const AfterSending& afterSending) {
+    nameBroadcast(RequestCode::playerRemoved, name, afterSending);
 }
 
-void PlayerStore::newDealBroadcast(const std::optional<Bytes>& data) {
-    broadcast(RequestCode::initNewDeal, data);
+void PlayerStore::newDealBroadcast(const std::optional<Bytes>& data,
+                                   const AfterSending& afterSending) {
+    broadcast(RequestCode::initNewDeal, data, afterSending);
 }
 
-void PlayerStore::playBroadcast() {
-    broadcast(RequestCode::play, std::nullopt);
+void PlayerStore::playBroadcast(const AfterSending& afterSending) {
+    broadcast(RequestCode::play, std::nullopt, afterSending);
 }
 
-void PlayerStore::openCardsBroadcast() {
-    broadcast(RequestCode::openCards, std::nullopt);
+void PlayerStore::openCardsBroadcast(const AfterSending& afterSending) {
+    broadcast(RequestCode::openCards, std::nullopt, afterSending);
 }
 
-void PlayerStore::cardElectedBroadcast(const std::optional<Bytes>& data) {
-    broadcast(RequestCode::cardElected, data);
+void PlayerStore::cardElectedBroadcast(const std::optional<Bytes>& data,
+                                       const AfterSending& afterSending) {
+    broadcast(RequestCode::cardElected, data, afterSending);
 }
 
 }  // namespace pointlane

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -52,12 +53,15 @@ class PlayerStore final {
     // add() that re-checks, under the same lock, what the login handlers checked earlier, so
     // that concurrent logins can't register two administrators or one name twice: an
     // administrator only when none is registered; any other player only while an administrator
-    // is registered and its name is not in use.
-    AddResult tryAdd(std::shared_ptr<Player> player);
+    // is registered and its name is not in use. whenAdded runs under the lock right after the
+    // player is filed (not when refused); it must not call the registry.
+    AddResult tryAdd(std::shared_ptr<Player> player, const std::function<void()>& whenAdded = {});
     // Case-insensitive by the current locale's lower-casing; canonically equivalent texts are
     // equal. Not trimmed.
     bool isNameInUse(const std::string& name);
     bool contains(const std::string& token);
+    // The name of the player filed under the token; nothing when the token is unknown.
+    std::optional<std::string> nameOf(const std::string& token);
     std::shared_ptr<Player> remove(const std::string& token);
     // The JSON array of the registered players' names; nothing when it can't be serialised.
     std::optional<Bytes> jsonObject();
@@ -69,21 +73,26 @@ class PlayerStore final {
     void setGameName(std::optional<std::string> name);
 
     // Notifications to every registered player, each carrying the recipient's own token.
-    void addedPlayerBroadcast(const std::string& name);
-    void removedPlayerBroadcast(const std::string& name);
-    void newDealBroadcast(const std::optional<Bytes>& data);
-    void playBroadcast();
-    void openCardsBroadcast();
-    void cardElectedBroadcast(const std::optional<Bytes>& data);
+    // afterSending runs under the lock once the notification went out, so whatever it does
+    // happens in notification order; it must not call the registry.
+    using AfterSending = std::function<void()>;
+    void addedPlayerBroadcast(const std::string& name, const AfterSending& afterSending = {});
+    void removedPlayerBroadcast(const std::string& name, const AfterSending& afterSending = {});
+    void newDealBroadcast(const std::optional<Bytes>& data, const AfterSending& afterSending = {});
+    void playBroadcast(const AfterSending& afterSending = {});
+    void openCardsBroadcast(const AfterSending& afterSending = {});
+    void cardElectedBroadcast(const std::optional<Bytes>& data,
+                              const AfterSending& afterSending = {});
 
     // Tests only: drops every player and forgets the game's name.
     void reset();
 
   private:
     // Locks and sends one notification with the given code and data to everyone.
-    void broadcast(RequestCode code, const std::optional<Bytes>& data);
+    void broadcast(RequestCode code, const std::optional<Bytes>& data,
+                   const AfterSending& afterSending);
     // The same, with data {"player_name": name}.
-    void nameBroadcast(RequestCode code, const std::string& name);
+    void nameBroadcast(RequestCode code, const std::string& name, const AfterSending& afterSending);
     // Requires mutex_ held.
     bool nameInUseLocked(const std::string& name) const;
     bool existsAdminLocked() const;

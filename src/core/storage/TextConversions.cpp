@@ -1,14 +1,10 @@
 #include "storage/TextConversions.h"
 
-#include <unicode/brkiter.h>
 #include <unicode/normalizer2.h>
-#include <unicode/uchar.h>
 #include <unicode/unistr.h>
-#include <unicode/utext.h>
 #include <unicode/utf8.h>
 
 #include <array>
-#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -43,9 +39,6 @@ constexpr std::array<Letter, 18> kLetters{{
     {U'\u017B', 'Z'},
 }};
 
-// Byte ranges of the grapheme clusters of a UTF-8 text.
-using Clusters = std::vector<std::pair<std::size_t, std::size_t>>;
-
 bool isAscii(std::string_view text) {
     for (unsigned char c : text) {
         if (c >= 0x80) {
@@ -53,72 +46,6 @@ bool isAscii(std::string_view text) {
         }
     }
     return true;
-}
-
-// ASCII text needs no break iterator: every byte is a character except CR LF.
-Clusters asciiClusters(std::string_view text) {
-    Clusters out;
-    out.reserve(text.size());
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const std::size_t len =
-            (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ? 2 : 1;
-        out.emplace_back(i, len);
-        i += len;
-    }
-    return out;
-}
-
-icu::BreakIterator* characterIterator() {
-    // Creating a break iterator loads rule data; one per thread keeps calls cheap and safe.
-    thread_local std::unique_ptr<icu::BreakIterator> iterator = [] {
-        UErrorCode status = U_ZERO_ERROR;
-        std::unique_ptr<icu::BreakIterator> it(
-            icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
-        if (U_FAILURE(status)) {
-            it.reset();
-        }
-        return it;
-    }();
-    return iterator.get();
-}
-
-Clusters clustersOf(std::string_view text) {
-    if (isAscii(text)) {
-        return asciiClusters(text);
-    }
-    Clusters out;
-    icu::BreakIterator* it = characterIterator();
-    UErrorCode status = U_ZERO_ERROR;
-    UText* ut = utext_openUTF8(nullptr, text.data(), static_cast<int64_t>(text.size()), &status);
-    if (it == nullptr || U_FAILURE(status)) {
-        // Without ICU data fall back to code points; better than losing the text.
-        if (ut != nullptr) {
-            utext_close(ut);
-        }
-        std::size_t i = 0;
-        while (i < text.size()) {
-            std::size_t next = i;
-            UChar32 c;
-            U8_NEXT(text.data(), next, text.size(), c);
-            (void)c;
-            out.emplace_back(i, next - i);
-            i = next;
-        }
-        return out;
-    }
-    it->setText(ut, status);
-    // Boundaries of a UTF-8 UText are byte offsets into the original text.
-    std::int32_t start = it->first();
-    for (std::int32_t end = it->next(); end != icu::BreakIterator::DONE;
-         start = end, end = it->next()) {
-        out.emplace_back(static_cast<std::size_t>(start), static_cast<std::size_t>(end - start));
-    }
-    // Detach the iterator from the UText before closing it.
-    icu::UnicodeString empty;
-    it->setText(empty);
-    utext_close(ut);
-    return out;
 }
 
 char32_t firstCodePoint(std::string_view cluster) {
@@ -167,8 +94,8 @@ void appendUtf8(std::string& out, char32_t cp) {
 
 struct ClusterText {
     std::string_view text;
-    Clusters clusters;
-    explicit ClusterText(std::string_view t) : text(t), clusters(clustersOf(t)) {}
+    CharacterRanges clusters;
+    explicit ClusterText(std::string_view t) : text(t), clusters(characterRanges(t)) {}
     std::size_t size() const { return clusters.size(); }
     std::string_view operator[](std::size_t i) const {
         return text.substr(clusters[i].first, clusters[i].second);
@@ -177,19 +104,6 @@ struct ClusterText {
 };
 
 }  // namespace
-
-bool isWhiteSpace(char32_t cp) {
-    if ((cp >= 0x09 && cp <= 0x0D) || cp == 0x85 || cp == 0x2028 || cp == 0x2029) {
-        return true;
-    }
-    if (cp == 0x20) {
-        return true;
-    }
-    if (cp < 0x80) {
-        return false;
-    }
-    return u_charType(static_cast<UChar32>(cp)) == U_SPACE_SEPARATOR;
-}
 
 std::string polish(std::string_view text) {
     if (isAscii(text)) {
@@ -336,36 +250,6 @@ std::string cleaned(std::string_view text) {
         ++i;
     }
     return out;
-}
-
-std::string trimmed(std::string_view text) {
-    if (isAscii(text)) {
-        auto white = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
-        std::size_t b = 0;
-        std::size_t e = text.size();
-        while (b < e && white(text[b])) {
-            ++b;
-        }
-        while (e > b && white(text[e - 1])) {
-            --e;
-        }
-        return std::string(text.substr(b, e - b));
-    }
-    const ClusterText ct(text);
-    std::size_t b = 0;
-    std::size_t e = ct.size();
-    while (b < e && ct.white(b)) {
-        ++b;
-    }
-    while (e > b && ct.white(e - 1)) {
-        --e;
-    }
-    if (b == e) {
-        return {};
-    }
-    const std::size_t from = ct.clusters[b].first;
-    const std::size_t to = ct.clusters[e - 1].first + ct.clusters[e - 1].second;
-    return std::string(text.substr(from, to - from));
 }
 
 }  // namespace pointlane

@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+#include "rules/TextRules.h"
+
 namespace pointlane {
 
 // Text operations for stored text and the schema script. They work on user-perceived
@@ -18,11 +20,7 @@ std::string utf(std::string_view text);
 // The SQL script without "--", "//" and "/* */" comments; a line comment's line feed is kept.
 std::string removeComments(std::string_view text);
 // Trimmed, white-space runs collapsed to one space, none after "{[(" nor before ",)]}".
+// What white space is and how a text is trimmed are the rules' (TextRules).
 std::string cleaned(std::string_view text);
-// Without white space at either end.
-std::string trimmed(std::string_view text);
-
-// Space separators (Zs), U+2028, U+2029, U+0009..U+000D and U+0085.
-bool isWhiteSpace(char32_t codePoint);
 
 }  // namespace pointlane
