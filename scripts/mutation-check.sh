@@ -76,11 +76,11 @@ kTokenAlphabet[arc4random() % 2]
 std::trunc(d) == d &&
 +++ new
 std::floor(d) <= d &&
-@@ T4 | transport | src/core/transport/FrameReader.cpp | Frame|Seat | the incremental reader's length check off by one (code to come)
+@@ T4 | transport | src/core/transport/Frame.cpp | Frame|Seat | a negative frame length taken as it is
 --- old
-> kMaxReceivedBodyLength
+    return std::max<std::int32_t>(length, 0);
 +++ new
-> kMaxReceivedBodyLength + 1
+    return length;
 @@ D1 | storage | src/core/storage/HistoryExport.cpp | HistoryExport|Export | a quote inside a CSV field not doubled
 --- old
         if (c == '"') {
@@ -95,50 +95,51 @@ std::floor(d) <= d &&
 ",\"\r\n"
 +++ new
 ",\""
-@@ D3 | storage | src/core/storage/RoundStatistics.cpp | RoundStatistics|HistoryExport|Export | the median of an even count takes the upper value
+@@ D3 | rules | src/core/rules/RoundStatistics.cpp | RoundStatistics|TableStatistics|HistoryExport|Export | the median of an even count takes the upper value
 --- old
 (values[n / 2 - 1] + values[n / 2]) / 2
 +++ new
 values[n / 2]
-@@ D4 | storage | src/core/storage/RoundStatistics.cpp | RoundStatistics|HistoryExport|Export | a single card counts as a consensus
+@@ D4 | rules | src/core/rules/RoundStatistics.cpp | RoundStatistics|TableStatistics|HistoryExport|Export | a single card counts as a consensus
 --- old
-statistics.consensus = n >= 2 &&
+    bool agreed = cards.size() >= 2;
 +++ new
-statistics.consensus = n >= 1 &&
+    bool agreed = cards.size() >= 1;
 @@ D5 | storage | src/core/storage/SQLite.cpp | SQLite|Durability | the database no longer syncs each commit
 --- old
 "PRAGMA synchronous = FULL"
 +++ new
 "PRAGMA synchronous = OFF"
-@@ D6 | storage | src/core/storage/SQLite.cpp | SQLite|Durability|Records | a failed write is not retried (code to come)
+@@ D6 | storage | src/core/storage/SQLite.cpp | SQLite|Durability|Records|FullDisk | a record that can't be written now is dropped instead of kept for the retry
 --- old
-attempt < kWriteAttempts
+    kept_.push_back(std::move(write));
+    std::int64_t& last = lastIds_[table];
 +++ new
-attempt < 1
-@@ R1 | rules | src/core/rules/RoundStatistics.cpp | RoundStatistics|Rules|Deck|Table | a single card counts as a consensus in the rules (code to come)
+    std::int64_t& last = lastIds_[table];
+@@ R1 | rules | src/core/rules/RoundStatistics.cpp | RoundStatistics|TableStatistics | numbers compared by their text, so "1/2" and "0,5" no longer agree
 --- old
-cards.size() >= 2
+(value ? *value != *firstValue : text != firstText)
 +++ new
-cards.size() >= 1
-@@ R2 | table | src/core/table/TableModel.cpp | TableModel|Table | a sixth seat admitted by the table (code to come)
+text != firstText
+@@ R2 | table | src/core/table/TableModel.cpp | TableModel|Table | a sixth seat admitted by the table
 --- old
->= kSeats
+        } else if (state_.seats.size() >= kSeats) {
 +++ new
-> kSeats
+        } else if (state_.seats.size() > kSeats) {
 @@ G1 | game | src/core/game/LoginCounter.cpp | Game|Login|Limit | the login limit off by one
 --- old
         if (counter_ < counterLimit) {
 +++ new
         if (counter_ <= counterLimit) {
-@@ G2 | game | src/core/game/GameHandlers.cpp | GameHandlers|Game | play skips the token check
+@@ G2 | game | src/core/game/GameHandlers.cpp | GameHandlers|Game | opening the cards skips the token check
 --- old
     if (!hasValidToken(request)) {
         refuse(socket, AnswerMessage::invalidToken);
         return;
     }
-    PlayerStore::shared().playBroadcast();
+    PlayerStore::shared().openCardsBroadcast(
 +++ new
-    PlayerStore::shared().playBroadcast();
+    PlayerStore::shared().openCardsBroadcast(
 @@ G3 | game | src/core/game/GameHandlers.cpp | GameHandlers|Game | a player's login checks the data before the administrator (wrong refusal order)
 --- old
     if (!store.existsAdmin()) {
@@ -164,7 +165,7 @@ cards.size() >= 1
 --- old
     PokerThread::counter.giveBack();
 +++ new
-@@ G5 | game | src/core/game/PlayerStore.cpp | PlayerStore|Name|Game | names compared case-sensitively
+@@ G5 | rules | src/core/rules/TextRules.cpp | TextRules|PlayerStore|Name|Game | names compared case-sensitively
 --- old
     composed.toLower(icu::Locale::getDefault());
 +++ new
@@ -233,11 +234,11 @@ static_cast<int>(sessions_.size()) > options_.maxSessions
 +++ new
     if (false) {
         // Changing the pick
-@@ W6 | web | src/web/WebServer.cpp | Web | the socket's origin check skipped (code to come)
+@@ W6 | web | src/web/WebServer.cpp | Web | the socket's origin check skipped
 --- old
-if (!originAllowed(
+        if (!sameOrigin(request)) {
 +++ new
-if (false && !originAllowed(
+        if (false && !sameOrigin(request)) {
 @@ A1 | app | src/app/app/CommandLine.cpp | CommandLine | port 65536 accepted on the command line
 --- old
 parseNumber<unsigned>(text, 65535)
@@ -253,6 +254,11 @@ LOCK_SH | LOCK_NB
 {SIGINT, SIGTERM}
 +++ new
 {SIGINT}
+@@ X1 | web | src/web/WebGateway.cpp | Web | a future text the tree does not have (shows a skip)
+--- old
+kNoSuchTextInThisTree
++++ new
+kStillNoSuchText
 @@ A4 | app | src/app/app/SchemaLocation.cpp | SchemaLocation|Install | an installed tree moved elsewhere no longer finds its schema
 --- old
         if (std::filesystem::exists(installed, ec)) {
