@@ -1,8 +1,9 @@
 // What open pages and web seats cost in threads, counted in /proc/self/task, with the game
 // served in this process (as the application does) on loopback.
 //
-// Part 1, the web table as it is built now: the game and the web server idle; then 20 join
-// pages (WebSockets that said hello); then five of them seated (one starts the game, four join).
+// Part 1, the web table as it is built now: the game and the web server idle; then as many join
+// pages (WebSockets that said hello) as one address may open (16); then five of them seated (one
+// starts the game, four join).
 // Part 2, the seats alone: five SeatConnection seats (the event-loop seat) logged in to a fresh
 // game, counted just after their logins and again once their idle game connections have closed.
 //
@@ -29,7 +30,8 @@ namespace {
 using namespace pointlane;
 using nlohmann::json;
 
-constexpr int kPages = 20;
+// As many join pages as one address may hold open (the pages all come from 127.0.0.1).
+const int kPages = WebListener::Limits{}.pagesPerAddress;
 constexpr int kSeats = 5;
 
 int threadCount() {
