@@ -254,7 +254,9 @@ TEST_F(GameEndToEndTest, WholeGameIsRelayedToEveryPlayerStoredAndEndedByTheAdmin
 
 TEST_F(GameEndToEndTest, RefusalsComeInCheckOrderAndUseUpTheLimitUntilALogout) {
     Player early = connect("Early");
-    expectRefusal(early.client->loginPlayer("Early", early.clientServer->port()),
+    // No administrator yet: said before anything about the data (a port given as text).
+    expectRefusal(early.client->send(RequestCode::loginPlayer,
+                                     bytes(R"({"player_name":"Early","client_server_port":"1"})")),
                   AnswerMessage::adminNotLoggedIn);
     Player boss = admin("Admin", "G");
     expectRefusal(boss.client->loginAdmin("Other", "G", boss.clientServer->port()),
