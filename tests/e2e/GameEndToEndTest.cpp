@@ -264,8 +264,8 @@ TEST_F(GameEndToEndTest, RefusalsComeInCheckOrderAndUseUpTheLimitUntilALogout) {
     Player bea = join("Bea");
     auto other = connect("x");
     expectRefusal(other.client->send(RequestCode::loginPlayer,
-                                     bytes(R"({"player_name":"Cy","client_server_port":"1"})")),
-                  AnswerMessage::invalidData);
+                                     bytes(R"({"player_name":"Cy","client_server_port":65536})")),
+                  AnswerMessage::invalidData);  // one past the last port
     // Five counts are taken: two logins and three refusals after the limit check.
     expectRefusal(other.client->loginPlayer("Cy", unreachablePort()), AnswerMessage::limitExceeded);
     expectRefusal(other.client->loginAdmin("Admin2", "G", other.clientServer->port()),
