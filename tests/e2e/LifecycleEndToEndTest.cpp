@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <set>
 #include <string>
@@ -151,6 +152,17 @@ TEST_F(LifecycleEndToEndTest, SignalsEndTheRunWithEveryAnsweredRecordStored) {
             ASSERT_TRUE(server);
         }
     }
+}
+
+TEST_F(LifecycleEndToEndTest, AClientGivesUpOnAServerThatStopsAnsweringAfterItsTimeOut) {
+    auto client = PokerClient::connect(server->port(), "127.0.0.1", 0.5);
+    ASSERT_TRUE(client);
+    server->signal(SIGSTOP);
+    auto answer = std::async(std::launch::async, [&] { return client->logout(); });
+    const bool gaveUp = answer.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    server->signal(SIGCONT);  // a client without a time-out gets its answer only now
+    EXPECT_TRUE(gaveUp);
+    EXPECT_FALSE(answer.get().has_value());
 }
 
 TEST_F(LifecycleEndToEndTest, AdministratorsLogoutEndsTheRunWithEveryAnsweredRecordStored) {
