@@ -59,18 +59,15 @@ TEST(RoundStatisticsTest, AverageMedianRangeAndConsensusOfEachRound) {
         // Halves written four ways are one value.
         {{"1/2", "0,5", "\u00BD", "0.5"}, 4, 0.5, 0.5, 0.5, 0.5, true},
         {{"5", "05", "5,0"}, 3, 5, 5, 5, 5, true},
-        // Every card counts for the consensus: a "?" beside two fives is no
-        // agreement.
+        // Every card counts for the consensus: a "?" beside two fives is no agreement.
         {{"5", "?", "5"}, 2, 5, 5, 5, 5, false},
         {{"?", "5"}, 1, 5, 5, 5, 5, false},
         {{"5", "5", "8"}, 3, 6, 5, 5, 8, false},
-        // Cards that are not numbers agree by their trimmed text, and have no
-        // average.
+        // Cards that are not numbers agree by their trimmed text, and have no average.
         {{"M", " M "}, 0, none, none, none, none, true},
         {{"M", "L"}, 0, none, none, none, none, false},
         {{"du\u017Co", "?", "\u2615", "ma\u0142o"}, 0, none, none, none, none, false},
-        // Even count: the median is the mean of the two middle values, whatever
-        // the order.
+        // Even count: the median is the mean of the two middle values, whatever the order.
         {{"8", "3", "?", "5", "5"}, 4, 5.25, 5, 3, 8, false},
         {{"2", "3"}, 2, 2.5, 2.5, 2, 3, false},
         {{"13", "1", "2"}, 3, 16.0 / 3, 2, 1, 13, false},
@@ -104,8 +101,8 @@ TEST(RoundStatisticsTest, DistributionAndProposedEstimate) {
     const Deck standard = Deck::standard();
     const Deck tshirt = *Deck::preset("tshirt");
     const Deck fibonacci = *Deck::preset("fibonacci");
-    // Ties: the deck's order when a deck is given, else the order first played;
-    // cards outside the deck after the deck's own.
+    // Ties: the deck's order when a deck is given, else the order first played; cards outside
+    // the deck after the deck's own.
     EXPECT_EQ(RoundStatistics::of({"5", "3", " 5", "?", "3", "8"}, standard).distribution,
               (Counts{{"3", 2}, {"5", 2}, {"8", 1}, {"?", 1}}));
     EXPECT_EQ(RoundStatistics::of({"5", "3", " 5", "?", "3", "8"}).distribution,
@@ -125,8 +122,7 @@ TEST(RoundStatisticsTest, DistributionAndProposedEstimate) {
         {&standard, {"\u00BD", "0,5"}, "1/2"},
         {&standard, {"?", "?"}, "?"},
         {&tshirt, {"M", "M"}, "M"},
-        // Else the deck's card nearest the median, a tie going to the larger
-        // card.
+        // Else the deck's card nearest the median, a tie going to the larger card.
         {&standard, {"3", "5", "8"}, "5"},
         {&standard, {"3", "5"}, "5"},
         {&standard, {"5"}, "5"},

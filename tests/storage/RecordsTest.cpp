@@ -120,31 +120,6 @@ TEST_F(RecordsTest, InvalidRowsAreSkippedByTheListQueries) {
     EXPECT_FALSE(Deal::fromRow(row));
 }
 
-TEST_F(RecordsTest, PolishLettersAreStoredConvertedAndReadBackThroughEveryQuery) {
-    auto game = Game::make("Gra źródłowa", "Żaneta");
-    ASSERT_TRUE(game->save());
-    auto deal = Deal::make(game->id, "Łączenie kont");
-    ASSERT_TRUE(deal->save());
-    ASSERT_TRUE(Election::make(deal->id, "Ślązak", "½ ąę")->save());
-    auto player = PlayerInfo::make("Paweł Gęś", "fe80::1");
-    ASSERT_TRUE(player->save());
-
-    EXPECT_EQ(rawTexts(path(),
-                       "SELECT name, admin FROM Game UNION ALL SELECT name, '' FROM Deal "
-                       "UNION ALL SELECT playerName, symbol FROM Election UNION ALL "
-                       "SELECT name, address FROM PlayerInfo"),
-              (std::vector<std::string>{"Gra x~ro~dl~owa|Z~aneta", "L~a~czenie kont|",
-                                        "S~la~zak|½ a~e~", "Pawel~ Ge~s~|fe80::1"}));
-    EXPECT_EQ(Game::games()->front()->name, "Gra źródłowa");
-    EXPECT_EQ(Game::games()->front()->admin, "Żaneta");
-    EXPECT_EQ(Deal::dealsFor(game->id)->front()->name, "Łączenie kont");
-    EXPECT_EQ(Election::electionsFor(deal->id)->front()->playerName, "Ślązak");
-    EXPECT_EQ(Election::electionsFor(deal->id)->front()->symbol, "½ ąę");
-    EXPECT_EQ(PlayerInfo::all()->front()->name, "Paweł Gęś");
-    ASSERT_TRUE(PlayerInfo::player("Paweł Gęś"));
-    EXPECT_EQ(PlayerInfo::player("Paweł Gęś")->id, player->id);
-}
-
 TEST_F(RecordsTest, PlayersSortByTheStoredFormAreFoundByBoundNamesAndRemovedWithAnAnnouncement) {
     for (const char* name : {"Łukasz", "Ma", "Lz", "O'Brien", "L9", "Michał", "Ja\u0328drek"}) {
         ASSERT_TRUE(PlayerInfo::make(name, name)->save());

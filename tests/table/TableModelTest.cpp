@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -290,34 +291,26 @@ TEST(TableModelConcurrencyTest, ConcurrentEventsKeepTheTableConsistent) {
     model.subscribe([&] {
         ++calls;
         const TableSnapshot table = model.snapshot();
-        std::size_t played = 0;
-        for (const TableSeat& seat : table.seats) {
-            played += seat.played ? 1 : 0;
-        }
-        if (played != table.played ||
-            (table.current && table.current->statistics.count != table.current->cards.size())) {
-            broken = true;
-        }
+        const auto played = std::count_if(table.seats.begin(), table.seats.end(),
+                                          [](const TableSeat& seat) { return seat.played; });
+        broken = broken || static_cast<std::size_t>(played) != table.played ||
+                 table.current->statistics.count != table.current->cards.size();
     });
     auto gone = std::make_shared<std::atomic<bool>>(false);
     const int watcher = model.subscribe([gone, &broken] {
-        if (*gone) {
-            broken = true;
-        }
+        broken = broken || *gone;
         std::this_thread::yield();
     });
     const std::uint64_t start = model.snapshot().version;
 
     constexpr int kRounds = 300;
     std::vector<std::thread> threads;
-    for (std::size_t t = 0; t < players.size(); ++t) {
-        threads.emplace_back([&, t] {
-            const std::string& name = players[t];
+    for (const std::string& name : players) {
+        threads.emplace_back([&] {
             for (int i = 0; i < kRounds; ++i) {
                 model.played(name);
                 model.cardElected(name, std::to_string(i % 7));
                 model.setWebSeat(name, i % 2 == 0);
-                (void)model.snapshot();
             }
         });
     }
@@ -332,7 +325,6 @@ TEST(TableModelConcurrencyTest, ConcurrentEventsKeepTheTableConsistent) {
     EXPECT_FALSE(broken);
     EXPECT_EQ(table.version - start, static_cast<std::uint64_t>(calls.load()));
     EXPECT_EQ(table.played, players.size());
-    ASSERT_TRUE(table.current);
     ASSERT_EQ(table.current->cards.size(), players.size());
     for (const TableCard& card : table.current->cards) {
         EXPECT_EQ(card.card, std::to_string((kRounds - 1) % 7)) << card.name;
