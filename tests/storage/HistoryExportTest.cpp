@@ -72,24 +72,13 @@ class HistoryExportTest : public testing::StorageFixture {
     std::int64_t older = 0, agreedDeal = 0, newer = 0;
 };
 
-TEST_F(HistoryExportTest, ReaderGivesGamesAndDealsNewestFirstAndSkipsInvalidRows) {
+// The order, the texts and the statistics the reader gives are checked through the export.
+TEST_F(HistoryExportTest, ReaderSkipsInvalidRowsAndOtherGames) {
     playTwoGames();
     // The server's connection stays open while the history is read over a second one.
-    const HistoryResult all = HistoryReader::read(path(), std::nullopt);
-    ASSERT_TRUE(all.ok()) << all.error;
-    const auto& games = all.history->games;
-    ASSERT_EQ(games.size(), 2u);
-    EXPECT_EQ(games[0].game.id, newer);
-    const GameHistory& g = games[1];
-    ASSERT_EQ(g.deals.size(), 2u);
-    EXPECT_EQ(g.deals[0].deal.id, agreedDeal);
-    EXPECT_EQ(g.deals[0].statistics.cards, (Strings{"1/2", "0,5", "\u00BD"}));
-    EXPECT_EQ(g.statistics.deals, 2u);
-    EXPECT_EQ(g.statistics.consensusDeals, 1u);
-
-    // One game: only its own deals and elections.
     const HistoryResult one = HistoryReader::read(path(), older);
-    ASSERT_TRUE(one.ok() && one.history->games.size() == 1u);
+    ASSERT_TRUE(one.ok() && one.history->games.size() == 1u) << one.error;
+    EXPECT_EQ(one.history->games[0].deals.size(), 2u);
     EXPECT_EQ(one.history->games[0].deals[1].elections.size(), 2u);
     EXPECT_TRUE(HistoryReader::read(path(), 999).history->games.empty());
 
@@ -101,10 +90,11 @@ TEST_F(HistoryExportTest, ReaderGivesGamesAndDealsNewestFirstAndSkipsInvalidRows
                                  std::to_string(*blank) +
                                  ", 'Ghost', '8'); INSERT INTO Game (name, date, admin) VALUES "
                                  "('Bad date', '2024-01-01T10:00:00', 'X')"));
-    const HistoryResult skipped = HistoryReader::read(path(), std::nullopt);
-    ASSERT_TRUE(skipped.ok());
-    EXPECT_EQ(skipped.history->games.size(), 2u);
-    EXPECT_EQ(skipped.history->games[1].deals.size(), 2u);
+    const HistoryResult all = HistoryReader::read(path(), std::nullopt);
+    ASSERT_TRUE(all.ok() && all.history->games.size() == 2u) << all.error;
+    EXPECT_EQ(all.history->games[0].game.id, newer);
+    EXPECT_EQ(all.history->games[1].deals.size(), 2u);
+    EXPECT_EQ(all.history->games[1].statistics.deals, 2u);
 }
 
 TEST_F(HistoryExportTest, CsvAndJsonParseBackToTheStoredHistory) {
