@@ -36,6 +36,14 @@ Bytes PokerClient::loginData(const std::optional<std::string>& playerName,
     return toBytes(object);
 }
 
+Bytes PokerClient::dealData(const std::string& title) {
+    return toBytes(nlohmann::json{{"title", title}});
+}
+
+Bytes PokerClient::electionData(const std::string& playerName, const std::string& symbol) {
+    return toBytes(nlohmann::json{{"player_name", playerName}, {"symbol", symbol}});
+}
+
 std::optional<Answer> PokerClient::login(RequestCode code, Bytes data) {
     Request request;
     request.request = code;
@@ -69,7 +77,7 @@ std::optional<Answer> PokerClient::logout() {
 }
 
 std::optional<Answer> PokerClient::initNewDeal(const std::string& title) {
-    return send(RequestCode::initNewDeal, toBytes(nlohmann::json{{"title", title}}));
+    return send(RequestCode::initNewDeal, dealData(title));
 }
 
 std::optional<Answer> PokerClient::initNewDeal(std::optional<Bytes> data) {
@@ -86,8 +94,7 @@ std::optional<Answer> PokerClient::openCards() {
 
 std::optional<Answer> PokerClient::cardElected(const std::string& playerName,
                                                const std::string& symbol) {
-    return send(RequestCode::cardElected,
-                toBytes(nlohmann::json{{"player_name", playerName}, {"symbol", symbol}}));
+    return send(RequestCode::cardElected, electionData(playerName, symbol));
 }
 
 }  // namespace pointlane

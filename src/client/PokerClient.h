@@ -43,6 +43,9 @@ class PokerClient final {
     static Bytes loginData(const std::optional<std::string>& playerName,
                            const std::optional<std::string>& gameName,
                            std::optional<int> clientServerPort);
+    // The data of a deal with this title, and of an elected card.
+    static Bytes dealData(const std::string& title);
+    static Bytes electionData(const std::string& playerName, const std::string& symbol);
 
   private:
     explicit PokerClient(std::unique_ptr<ClientConnection> connection)

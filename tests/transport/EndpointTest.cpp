@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
 
+#include <cstdio>
+#include <string>
+
 #include "Loopback.h"
 
 namespace pointlane {
@@ -49,6 +52,37 @@ TEST(EndpointTest, OwnAddressesAreLoopbackAnyAndEveryInterfacesButNoOtherHosts) 
     for (const char* other : {"192.0.2.1", "198.51.100.7", "203.0.113.255"}) {
         EXPECT_FALSE((Endpoint{address(other), 1}).isOwnAddress()) << other;
     }
+}
+
+TEST(EndpointTest, OnlyConnectionsHeldByThisProcessAreOwn) {
+    auto pair = loopback::makePair();
+    ASSERT_TRUE(pair.client && pair.server);
+    const auto clientEnd = Endpoint::local(*pair.client);
+    const auto serverEnd = Endpoint::local(*pair.server);
+    ASSERT_TRUE(clientEnd && serverEnd);
+    EXPECT_TRUE(clientEnd->isOwnConnectionTo(*serverEnd));
+    EXPECT_TRUE(serverEnd->isOwnConnectionTo(*clientEnd));
+    EXPECT_FALSE(clientEnd->isOwnConnectionTo(Endpoint{serverEnd->address, serverEnd->port + 1}));
+
+    // The same kind of connection, made by another program on this machine.
+    auto listener = Socket::create(-1);
+    ASSERT_TRUE(listener);
+    ASSERT_EQ(bind_socket_loopback(listener->socketFileDescriptor(), 0), 0);
+    ASSERT_EQ(socket_listen(listener->socketFileDescriptor()), 0);
+    listener->setReceiveTimeout(10);  // bounds the accept below
+    const std::string command = "exec bash -c 'exec 3<>/dev/tcp/127.0.0.1/" +
+                                std::to_string(listener->localPort()) + " && read -t 10 <&3'";
+    std::FILE* other = popen(command.c_str(), "r");
+    ASSERT_NE(other, nullptr);
+    auto accepted = Socket::create(accept_socket(listener->socketFileDescriptor()));
+    ASSERT_TRUE(accepted);
+    const auto theirs = Endpoint::peer(*accepted);
+    const auto ours = Endpoint::local(*accepted);
+    ASSERT_TRUE(theirs && ours);
+    EXPECT_FALSE(theirs->isOwnConnectionTo(*ours));
+    EXPECT_TRUE(ours->isOwnConnectionTo(*theirs));
+    accepted->shutdown();  // the other program's read ends
+    pclose(other);
 }
 
 }  // namespace

@@ -61,6 +61,48 @@ TEST(FrameTest, ReceivesFramesBackToBackAndRefusesOverlongOnes) {
     writer.join();
 }
 
+TEST(FrameTest, ReaderCutsFramesOutOfPiecesOfAnySizeAndFailsOnAbsurdLengths) {
+    Bytes stream = *encodeFrame(bytesOf("{\"a\":1}"));
+    for (const Bytes& next : {Bytes{}, bytesOf("[2]")}) {
+        const Bytes frame = *encodeFrame(next);
+        stream.insert(stream.end(), frame.begin(), frame.end());
+    }
+    const Bytes negative{0xF0, 0xFF, 0xFF, 0xFF};  // a length below 0 is an empty body
+    stream.insert(stream.end(), negative.begin(), negative.end());
+    const std::vector<Bytes> expected{bytesOf("{\"a\":1}"), Bytes{}, bytesOf("[2]"), Bytes{}};
+    // Byte by byte (split headers), three at a time, and the whole stream in one chunk.
+    for (const std::size_t piece : {std::size_t{1}, std::size_t{3}, stream.size()}) {
+        FrameReader reader;
+        std::vector<Bytes> bodies;
+        for (std::size_t at = 0; at < stream.size(); at += piece) {
+            const std::size_t count = std::min(piece, stream.size() - at);
+            reader.append(reinterpret_cast<const char*>(stream.data() + at), count);
+            while (auto body = reader.next()) {
+                bodies.push_back(*body);
+            }
+        }
+        EXPECT_EQ(bodies, expected) << piece;
+        EXPECT_FALSE(reader.failed());
+    }
+    // A declared length above the limit fails the stream at once, before any body byte came,
+    // and nothing after it is ever handed out.
+    FrameReader reader;
+    Bytes absurd = frameHeader(kMaxReceivedBodyLength + 1);
+    const Bytes after = *encodeFrame(bytesOf("[3]"));
+    absurd.insert(absurd.end(), after.begin(), after.end());
+    reader.append(reinterpret_cast<const char*>(absurd.data()), absurd.size());
+    EXPECT_FALSE(reader.next());
+    EXPECT_TRUE(reader.failed());
+    reader.append(reinterpret_cast<const char*>(after.data()), after.size());
+    EXPECT_FALSE(reader.next());
+    // The largest accepted body still comes through.
+    FrameReader largest;
+    const Bytes big = *encodeFrame(Bytes(kMaxReceivedBodyLength, 'x'));
+    largest.append(reinterpret_cast<const char*>(big.data()), big.size());
+    EXPECT_EQ(largest.next().value_or(Bytes{}).size(),
+              static_cast<std::size_t>(kMaxReceivedBodyLength));
+}
+
 TEST(FrameTest, StalledPeersCostOneDeadlineTogetherAndNeverGetAFrameAfterACutOne) {
     constexpr auto kDeadline = std::chrono::milliseconds(1000);
     auto healthy = makePair();

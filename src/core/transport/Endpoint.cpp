@@ -30,4 +30,8 @@ bool Endpoint::isOwnAddress() const {
     return is_own_address(address) != 0;
 }
 
+bool Endpoint::isOwnConnectionTo(const Endpoint& remote) const {
+    return is_own_connection(address, port, remote.address, remote.port) == 1;
+}
+
 }  // namespace pointlane

@@ -23,6 +23,11 @@ struct Endpoint {
     // addresses). An address whose owner can't be told counts as ours: refusing a connection
     // back wrongly costs one login, feeding the server its own notifications costs the run.
     bool isOwnAddress() const;
+
+    // True when the TCP connection from this endpoint to remote is held by a socket open in
+    // this very process: a connection that comes from another program on the machine, or
+    // whose owner can't be told, is not ours.
+    bool isOwnConnectionTo(const Endpoint& remote) const;
 };
 
 }  // namespace pointlane

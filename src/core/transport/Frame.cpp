@@ -1,18 +1,34 @@
 #include "transport/Frame.h"
 
+#include <algorithm>
+
 #include "transport/Socket.h"
 #include "transport/SocketFunctions.h"
 
 namespace pointlane {
 
-std::int32_t asInt32(const Bytes& bytes) {
-    if (bytes.size() < 4) {
-        return 0;
-    }
+namespace {
+
+std::int32_t littleEndian32(const std::uint8_t* bytes) {
     const std::uint32_t value =
         static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
         static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
     return static_cast<std::int32_t>(value);
+}
+
+// The body length a received header announces, or nothing when the stream must end.
+std::optional<std::int32_t> acceptedLength(const std::uint8_t* header) {
+    const std::int32_t length = littleEndian32(header);
+    if (length > kMaxReceivedBodyLength) {
+        return std::nullopt;
+    }
+    return std::max<std::int32_t>(length, 0);
+}
+
+}  // namespace
+
+std::int32_t asInt32(const Bytes& bytes) {
+    return bytes.size() < 4 ? 0 : littleEndian32(bytes.data());
 }
 
 Bytes frameHeader(std::int32_t length) {
@@ -82,11 +98,49 @@ std::optional<Bytes> receiveFrame(Socket& socket) {
     if (!header || header->size() < 4) {
         return std::nullopt;  // a header cut short is the end of the stream too
     }
-    const std::int32_t length = asInt32(*header);
-    if (length > kMaxReceivedBodyLength) {
+    const std::optional<std::int32_t> length = acceptedLength(header->data());
+    if (!length) {
         return std::nullopt;
     }
-    return socket.readData(length);
+    return socket.readData(*length);
+}
+
+void FrameReader::append(const char* bytes, std::size_t count) {
+    if (failed_ || count == 0) {
+        return;
+    }
+    if (start_ > 0 && start_ >= buffer_.size() / 2) {
+        // Drop what was handed out before the buffer grows again.
+        buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start_));
+        start_ = 0;
+    }
+    const auto* first = reinterpret_cast<const std::uint8_t*>(bytes);
+    buffer_.insert(buffer_.end(), first, first + count);
+}
+
+std::optional<Bytes> FrameReader::next() {
+    if (failed_ || buffer_.size() - start_ < 4) {
+        return std::nullopt;
+    }
+    const std::optional<std::int32_t> length = acceptedLength(buffer_.data() + start_);
+    if (!length) {
+        failed_ = true;
+        buffer_ = Bytes{};
+        start_ = 0;
+        return std::nullopt;
+    }
+    const std::size_t end = start_ + 4 + static_cast<std::size_t>(*length);
+    if (buffer_.size() < end) {
+        return std::nullopt;
+    }
+    Bytes body(buffer_.begin() + static_cast<std::ptrdiff_t>(start_ + 4),
+               buffer_.begin() + static_cast<std::ptrdiff_t>(end));
+    start_ = end;
+    if (start_ == buffer_.size()) {
+        buffer_.clear();
+        start_ = 0;
+    }
+    return body;
 }
 
 }  // namespace pointlane

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -61,5 +62,25 @@ void sendFrames(std::vector<OutgoingFrame>& frames, Deadline deadline);
 // a whole header, a header cut short, or a length above kMaxReceivedBodyLength. A length of 0
 // or below gives an empty body; a peer that closes mid-body gives the bytes that arrived.
 std::optional<Bytes> receiveFrame(Socket& socket);
+
+// Cuts frames out of a stream whose bytes arrive in pieces of any size (from an event loop's
+// socket), by the rules of receiveFrame(): a declared length above kMaxReceivedBodyLength fails
+// the stream before anything is allocated for it, a length of 0 or below gives an empty body.
+// A failed stream gives no more bodies; its connection must be dropped.
+//
+// Threading: one thread at a time.
+class FrameReader final {
+  public:
+    // Adds the next bytes of the stream; ignored once the stream failed.
+    void append(const char* bytes, std::size_t count);
+    // The next whole body, or nothing until one is whole (or once the stream failed).
+    std::optional<Bytes> next();
+    bool failed() const { return failed_; }
+
+  private:
+    Bytes buffer_;           // bytes received and not yet handed out, from start_ on
+    std::size_t start_ = 0;  // where the next frame's header begins in buffer_
+    bool failed_ = false;
+};
 
 }  // namespace pointlane

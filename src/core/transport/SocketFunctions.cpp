@@ -1,6 +1,7 @@
 #include "transport/SocketFunctions.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -13,6 +14,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -327,6 +329,59 @@ int is_own_address(unsigned address) {
         }
     }
     ::freeifaddrs(interfaces);
+    return own;
+}
+
+int is_own_connection(unsigned localAddress, int localPort, unsigned remoteAddress,
+                      int remotePort) {
+    std::FILE* table = std::fopen("/proc/net/tcp", "re");
+    if (table == nullptr) {
+        return -1;
+    }
+    // Lines: "sl: local rem st tx:rx tr:when retrnsmt uid timeout inode ..."; each address is
+    // the network-order word printed as a native hexadecimal number, each port in host order.
+    std::vector<unsigned long> inodes;
+    char line[512];
+    bool header = true;
+    while (std::fgets(line, sizeof(line), table) != nullptr) {
+        if (header) {
+            header = false;
+            continue;
+        }
+        unsigned local = 0, localP = 0, remote = 0, remoteP = 0;
+        unsigned long inode = 0;
+        if (std::sscanf(line, " %*u: %8X:%4X %8X:%4X %*X %*X:%*X %*X:%*X %*X %*u %*d %lu", &local,
+                        &localP, &remote, &remoteP, &inode) == 5 &&
+            inode != 0 && ntohl(local) == localAddress && static_cast<int>(localP) == localPort &&
+            ntohl(remote) == remoteAddress && static_cast<int>(remoteP) == remotePort) {
+            inodes.push_back(inode);
+        }
+    }
+    std::fclose(table);
+    if (inodes.empty()) {
+        return 0;
+    }
+    DIR* descriptors = ::opendir("/proc/self/fd");
+    if (descriptors == nullptr) {
+        return -1;
+    }
+    int own = 0;
+    while (own == 0) {
+        const dirent* entry = ::readdir(descriptors);
+        if (entry == nullptr) {
+            break;
+        }
+        char target[64] = {};
+        const ssize_t length =
+            ::readlinkat(::dirfd(descriptors), entry->d_name, target, sizeof(target) - 1);
+        unsigned long inode = 0;
+        if (length > 0 && std::sscanf(target, "socket:[%lu]", &inode) == 1) {
+            for (const unsigned long wanted : inodes) {
+                own = own != 0 || inode == wanted ? 1 : 0;
+            }
+        }
+    }
+    ::closedir(descriptors);
     return own;
 }
 

@@ -79,5 +79,10 @@ int socket_peer_endpoint(int descriptor, unsigned* address, int* port);
 // or the address of one of its interfaces; 0 when it doesn't; -1 when the interfaces can't be
 // listed.
 int is_own_address(unsigned address);
+// 1 when the TCP connection from local to remote (IPv4, host byte order) is held by a socket
+// open in this very process; 0 when no such connection is, or another process holds it; -1
+// when the system's connection table can't be read. Linux: the connection's socket inode from
+// /proc/net/tcp, looked for among the links in /proc/self/fd.
+int is_own_connection(unsigned localAddress, int localPort, unsigned remoteAddress, int remotePort);
 
 }  // namespace pointlane
