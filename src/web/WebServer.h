@@ -18,6 +18,7 @@ class TableModel;
 //
 //   GET /                      the table page
 //   GET /<file>                a file of the page (plain names only, nothing outside ":/web/")
+//   GET /watch                 the table for watchers (read-only, large type)
 //   GET /history               the history page, when the resources hold one
 //   GET /history.json[?game=N] the history as JSON; /history.csv the same as CSV (attachments)
 //

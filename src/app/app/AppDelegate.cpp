@@ -235,13 +235,11 @@ void AppDelegate::startWebTable() {
     WebServer::Options web;
     web.port = options_.webPort;
     web.gateway.gamePort = servedPort();
-    // The join page offers to start a game only while no administrator is at the table.
-    web.gateway.currentGame = []() -> std::optional<std::string> {
-        auto& store = PlayerStore::shared();
-        if (!store.existsAdmin()) {
-            return std::nullopt;
-        }
-        return store.gameName().value_or("");
+    web.gateway.graceMs = options_.webGraceMs;
+    // Phones often can't resolve .local names: the address link goes beside the join code.
+    web.gateway.joinLink = [this] {
+        const QStringList links = joinLinks();
+        return links.isEmpty() ? std::string() : links.last().toStdString();
     };
     // The history page reads the database file on its own, read-only connection.
     web.history = historySourceFor(databasePath_);
