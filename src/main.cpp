@@ -8,6 +8,7 @@
 
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
+#include "app/DescriptorLimit.h"
 #include "app/ExportCommand.h"
 #include "app/QtMainQueue.h"
 #include "app/QuitSignals.h"
@@ -43,6 +44,8 @@ int main(int argc, char** argv) {
     if (commandLine.command == CommandLine::Command::exportHistory) {
         return exportHistory(commandLine.exportOptions);
     }
+    // Pages, seats and clients each hold descriptors: the server may use all the system allows.
+    DescriptorLimit::raiseToHardLimit();
     AppDelegate::Options options;
     options.port = commandLine.port;
     options.headless = commandLine.headless || !hasDisplay();

@@ -1,6 +1,7 @@
 #include "WebGateway.h"
 
 #include <QDateTime>
+#include <QTimer>
 #include <QWebSocket>
 #include <algorithm>
 #include <mutex>
@@ -111,6 +112,17 @@ void WebGateway::accept(QWebSocket* socket) {
         }
     });
     connect(socket, &QWebSocket::disconnected, this, [this, socket] { gone(socket); });
+    closeUnlessHelloWithin(socket);
+}
+
+void WebGateway::closeUnlessHelloWithin(QWebSocket* socket) {
+    // An open socket that never says which page it is would hold a place for nothing.
+    QTimer::singleShot(options_.helloTimeoutMs, socket, [this, socket] {
+        auto found = pages_.find(socket);
+        if (found != pages_.end() && !found->second.greeted) {
+            drop(socket, QStringLiteral("No hello"));
+        }
+    });
 }
 
 bool WebGateway::withinRate(Page& page) {
@@ -153,6 +165,7 @@ void WebGateway::received(QWebSocket* socket, const QString& text) {
     if (message.type == Type::watch) {
         if (page.seat.empty() && !page.watcher) {
             page.watcher = true;
+            page.greeted = true;
             sendWelcome(socket);
             sendTable(socket);
         }
@@ -189,6 +202,7 @@ void WebGateway::received(QWebSocket* socket, const QString& text) {
 
 void WebGateway::hello(QWebSocket* socket, const std::string& seat) {
     Page& page = pages_[socket];
+    page.greeted = true;
     if (!page.seat.empty()) {
         // Asked again: the page is sent what it should show now.
         if (page.seat != seat) {

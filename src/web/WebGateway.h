@@ -38,7 +38,8 @@ struct BrowserMessage;
 //
 // Limits: frames and messages above 64 KiB close the socket; a page that sends more than a
 // burst of messages faster than the steady rate is closed; a page whose unsent messages pass
-// the send limit is dropped. Each limit touches only the page that broke it.
+// the send limit is dropped; a page that doesn't say hello within the hello time-out is
+// closed. Each limit touches only the page that broke it.
 //
 // Threading: the Qt thread that made it, only. The table model's listener runs on the game's
 // threads and only hands a (coalesced) redraw to this thread.
@@ -51,6 +52,7 @@ class WebGateway final : public QObject {
         int burst = 40;                 // messages a page may send at once...
         double messagesPerSecond = 20;  // ...and steadily afterwards
         int maxPages = 96;              // open pages (seated, joining or watching) at one time
+        int helloTimeoutMs = 5000;      // a page that hasn't said hello by then is closed
         TableModel* table = nullptr;    // the running table; non-owning, outlives the gateway
         // The link players open, shown beside the join code; unset: the page's own address.
         std::function<std::string()> joinLink;
@@ -72,6 +74,7 @@ class WebGateway final : public QObject {
     struct Page {
         std::string seat;  // the seat key, once the page said hello
         bool watcher = false;
+        bool greeted = false;  // it said hello or watch (its seat may have been cleared since)
         double tokens = 0;
         std::chrono::steady_clock::time_point refilled;
     };
@@ -112,6 +115,8 @@ class WebGateway final : public QObject {
     void send(QWebSocket* socket, const std::string& text);
     void sendError(QWebSocket* socket, const std::string& text);
     void drop(QWebSocket* socket, const QString& reason);
+    // Closes socket unless its page has said hello within the hello time-out.
+    void closeUnlessHelloWithin(QWebSocket* socket);
     bool withinRate(Page& page);
     WebSession* sessionOf(QWebSocket* socket);
     QWebSocket* socketOf(const std::string& seat);

@@ -12,6 +12,7 @@
 #include "storage/Election.h"
 #include "storage/Game.h"
 #include "storage/SQLite.h"
+#include "support/Event.h"
 
 namespace pointlane {
 namespace {
@@ -62,6 +63,33 @@ TEST(HistoryProviderTest, ServesTheExportsOfTheFileAndNothingWhenThereIsNone) {
     const HistorySource missing = historySourceFor(dir.file("missing.sqlite"));
     EXPECT_EQ(missing.json(std::nullopt), std::nullopt);
     EXPECT_EQ(missing.csv(1), std::nullopt);
+}
+
+TEST(HistoryProviderTest, TheVersionGrowsWithEveryStoredGameDealAndElectionOnly) {
+    std::uint64_t last = 0;
+    {
+        const HistorySource source = historySourceFor("unused.sqlite");
+        ASSERT_TRUE(source.version);
+        last = source.version();
+        const struct {
+            Event event;
+            bool counts;
+        } cases[] = {{Event::gameTableDidChange, true},
+                     {Event::dealTableDidChange, true},
+                     {Event::electionTableDidChange, true},
+                     {Event::playerTableDidChange, false}};
+        for (const auto& each : cases) {
+            post(each.event);
+            EXPECT_EQ(source.version(), last + (each.counts ? 1 : 0)) << toString(each.event);
+            last = source.version();
+        }
+        // A copy shares the count (the web layer keeps copies).
+        const HistorySource copy = source;
+        post(Event::dealTableDidChange);
+        EXPECT_EQ(copy.version(), last + 1);
+    }
+    // Gone with its last copy: announcements reach nothing of it any more.
+    post(Event::dealTableDidChange);
 }
 
 }  // namespace

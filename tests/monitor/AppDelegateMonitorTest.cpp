@@ -7,6 +7,7 @@
 #include "MonitorFixture.h"
 #include "app/AppDelegate.h"
 #include "monitor/DataWindowController.h"
+#include "monitor/JoinCodeWindow.h"
 #include "monitor/StackedView.h"
 #include "monitor/StatusItem.h"
 #include "transport/Socket.h"
@@ -113,6 +114,31 @@ TEST_F(AppDelegateMonitorTest, LaunchShowsTheTrayItemBeforeTheListenerStarts) {
     ASSERT_NE(tray, std::string::npos) << out;
     ASSERT_NE(listener, std::string::npos) << out;
     EXPECT_LT(tray, listener) << out;
+}
+
+TEST_F(AppDelegateMonitorTest, ShowJoinCodeOpensOneWindowWithTheCodeOfTheLink) {
+    delegate->showJoinCode();
+    JoinCodeWindow* window = delegate->joinCodeWindow();
+    ASSERT_NE(window, nullptr);
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(window->link(), delegate->phoneJoinLink());
+    delegate->showJoinCode();
+    EXPECT_EQ(delegate->joinCodeWindow(), window);
+
+    // The image is the code: white quiet zone, then a finder pattern's dark ring, light ring
+    // and dark core along the top-left diagonal, eight pixels a module.
+    const QImage image = JoinCodeWindow::codeImage(QStringLiteral("http://192.0.2.7:50080/"));
+    ASSERT_FALSE(image.isNull());
+    EXPECT_EQ(image.width(), image.height());
+    const auto darkAt = [&](int module) {
+        return image.pixelColor(module * 8 + 4, module * 8 + 4) == Qt::black;
+    };
+    const bool expected[] = {false, false, false, false, true, false,
+                             true,  true,  true,  false, true};
+    for (int module = 0; module < 11; ++module) {
+        EXPECT_EQ(darkAt(module), expected[module]) << module;
+    }
+    EXPECT_TRUE(JoinCodeWindow::codeImage(QString()).isNull());
 }
 
 }  // namespace

@@ -176,6 +176,7 @@ class WebFixture : public ::testing::Test {
         options.gateway.gamePort = server->port();
         options.gateway.graceMs = 400;
         options.table = &testTable();
+        options.limits.pagesPerAddress = 64;  // every page of these tests comes from 127.0.0.1
         adjust(options);
         web = std::make_unique<WebServer>(options);
         port = web->start();

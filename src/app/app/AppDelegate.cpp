@@ -26,6 +26,7 @@
 #include "game/PokerThread.h"
 #include "game/RequestGate.h"
 #include "monitor/DataWindowController.h"
+#include "monitor/JoinCodeWindow.h"
 #include "monitor/StatusItem.h"
 #include "storage/SQLite.h"
 #include "support/MainQueue.h"
@@ -116,6 +117,7 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
 AppDelegate::~AppDelegate() {
     applicationWillTerminate();
     webServer.reset();
+    joinCodeWindow_.reset();
     dataWindowController.reset();
     statusItem.reset();
 }
@@ -236,14 +238,13 @@ void AppDelegate::startWebTable() {
     web.port = options_.webPort;
     web.gateway.gamePort = servedPort();
     web.gateway.graceMs = options_.webGraceMs;
-    // Phones often can't resolve .local names: the address link goes beside the join code.
-    web.gateway.joinLink = [this] {
-        const QStringList links = joinLinks();
-        return links.isEmpty() ? std::string() : links.last().toStdString();
-    };
+    // The link a page on this machine shows beside the join code: the one the code holds.
+    web.gateway.joinLink = [this] { return phoneJoinLink().toStdString(); };
     // The history page reads the database file on its own, read-only connection.
     web.history = historySourceFor(databasePath_);
     web.table = &table();
+    // A page opened on this machine (127.0.0.1) shows a code phones can reach.
+    web.joinLink = [this] { return phoneJoinLink(); };
     webServer = std::make_unique<WebServer>(std::move(web));
     if (webServer->start() == 0) {
         pointlane::tr().info(
@@ -265,7 +266,29 @@ void AppDelegate::startWebTable() {
                 clipboard->setText(joinLinks().join(QLatin1Char('\n')));
             }
         });
+        statusItem->addAction(QString::fromLatin1(kShowJoinCodeTitle), [this] { showJoinCode(); });
     }
+}
+
+QString AppDelegate::phoneJoinLink() const {
+    const QStringList links = joinLinks();
+    return links.isEmpty() ? QString() : links.back();
+}
+
+void AppDelegate::showJoinCode() {
+    if (options_.headless) {
+        return;
+    }
+    // A window of its own rather than a browser tab: it opens on the facilitator's screen at
+    // once, works without a browser, and is what gets shown on the shared screen.
+    if (!joinCodeWindow_) {
+        joinCodeWindow_ = std::make_unique<JoinCodeWindow>(phoneJoinLink());
+    } else {
+        joinCodeWindow_->setLink(phoneJoinLink());
+    }
+    joinCodeWindow_->show();
+    joinCodeWindow_->raise();
+    joinCodeWindow_->activateWindow();
 }
 
 int AppDelegate::webPort() const {

@@ -15,6 +15,7 @@ namespace pointlane {
 
 class DataFolderLock;
 class DataWindowController;
+class JoinCodeWindow;
 class ServiceAdvertiser;
 class StatusItem;
 class TableModel;
@@ -25,7 +26,8 @@ class WebServer;
 //
 // Desktop mode: the tray item is made at construction, gets its tooltip before launch
 // completes and its icon and menu ("Show monitor" -> statusDidCliecked(), "Quit Pointlane" ->
-// quitDidClicked()) when launch has completed; --monitor then opens the window at once.
+// quitDidClicked()) when launch has completed; --monitor then opens the window at once. With
+// the web table the menu also has "Copy join link" and "Show join code" (showJoinCode()).
 //
 // Start: create() (database folder, its lock, database path), applicationWillFinishLaunching()
 // (database opened or created, known players emptied), applicationDidFinishLaunching() (tray
@@ -48,6 +50,7 @@ class AppDelegate final : public QObject,
     static constexpr int kDefaultWebPort = 50080;
     static constexpr const char* kWebServiceType = "_http._tcp";
     static constexpr const char* kCopyLinkTitle = "Copy join link";
+    static constexpr const char* kShowJoinCodeTitle = "Show join code";
     static constexpr const char* kServiceDomain = "local.";
     static constexpr const char* kServiceType = "_pointlane._tcp";
     static constexpr const char* kServiceName = "Pointlane";
@@ -92,6 +95,9 @@ class AppDelegate final : public QObject,
     // The running game's table, one for the process, fed by the game's events from the first
     // launch on; the web table draws every page from it. Thread safe.
     static TableModel& table();
+    // The one link for a phone: the IPv4 address form (phones don't all resolve .local names),
+    // else the host name form; empty without a web table.
+    QString phoneJoinLink() const;
 
   public slots:
     // Tray menu: show the monitor window. While one is open (or closed less than 0.1 s ago)
@@ -105,8 +111,13 @@ class AppDelegate final : public QObject,
     // The monitor window was closed; its controller is dropped 0.1 s later, outside the
     // window's own close handling.
     void windowClose() override;
+    // Tray menu "Show join code": a window with the join link's QR code and the link, brought
+    // to the front (made once, then shown again with the current link).
+    void showJoinCode();
 
   public:
+    // The join code window once it was asked for; nullptr before.
+    JoinCodeWindow* joinCodeWindow() const { return joinCodeWindow_.get(); }
     // The open monitor window's controller, nullptr when there is none.
     DataWindowController* monitorWindow() const { return dataWindowController.get(); }
     // The tray item; nullptr in headless mode.
@@ -136,6 +147,7 @@ class AppDelegate final : public QObject,
     std::unique_ptr<StatusItem> statusItem;
     // The monitor window's controller while the window is open (desktop mode).
     std::unique_ptr<DataWindowController> dataWindowController;
+    std::unique_ptr<JoinCodeWindow> joinCodeWindow_;
     std::shared_ptr<std::atomic<bool>> listenerEnded_ = std::make_shared<std::atomic<bool>>(false);
     bool quitting_ = false;
 };

@@ -1,6 +1,6 @@
-// The stored games, read from /history.json and asked for again every few seconds, so that new
-// deals and cards show up while a game is played. Text from the server is only ever set as
-// text, never as markup.
+// The stored games, read from /history.json and asked for again every few seconds (with the
+// last ETag, so an unchanged history costs nothing), so that new deals and cards show up while
+// a game is played. Text from the server is only ever set as text, never as markup.
 
 const REFRESH_MS = 5000;
 
@@ -11,6 +11,7 @@ const statusLine = document.getElementById('status');
 // Games the reader opened, kept open across refreshes; the newest game starts open.
 const openGames = new Set();
 let lastText = null;
+let lastTag = null;
 let firstRender = true;
 
 function element(tag, className, text) {
@@ -126,13 +127,19 @@ function render(history) {
 
 async function refresh() {
   try {
-    const response = await fetch('/history.json', { cache: 'no-store' });
-    if (!response.ok) throw new Error(`the server answered ${response.status}`);
-    const text = await response.text();
-    // Rebuilding only on a change keeps the reader's place and selection.
-    if (text !== lastText) {
-      render(JSON.parse(text));
-      lastText = text;
+    // The server tags the history with its version: asking with the last tag costs nothing
+    // (304) while nothing was stored since.
+    const headers = lastTag ? { 'If-None-Match': lastTag } : {};
+    const response = await fetch('/history.json', { cache: 'no-store', headers });
+    if (response.status !== 304) {
+      if (!response.ok) throw new Error(`the server answered ${response.status}`);
+      const text = await response.text();
+      // Rebuilding only on a change keeps the reader's place and selection.
+      if (text !== lastText) {
+        render(JSON.parse(text));
+        lastText = text;
+      }
+      lastTag = response.headers.get('ETag');
     }
     statusLine.textContent = `Updated ${new Date().toLocaleTimeString()}`;
     statusLine.classList.remove('error');
