@@ -139,11 +139,12 @@ std::unique_ptr<ServerProcess> ServerProcess::start(const std::string& home,
 
 std::optional<int> ServerProcess::runToExit(const std::string& home,
                                             const std::vector<std::string>& arguments,
-                                            std::string* output,
-                                            std::chrono::milliseconds timeout) {
+                                            std::string* output, std::chrono::milliseconds timeout,
+                                            const std::string& outputFolder) {
     ServerProcess process;
-    process.outPath_ = home + "/run.out";
-    process.errPath_ = home + "/run.err";
+    const std::string folder = outputFolder.empty() ? home : outputFolder;
+    process.outPath_ = folder + "/run.out";
+    process.errPath_ = folder + "/run.err";
     process.pid_ = spawn(home, arguments, POINTLANE_BINARY, process.outPath_, process.errPath_);
     if (process.pid_ == -1) {
         return std::nullopt;

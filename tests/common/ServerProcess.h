@@ -20,11 +20,12 @@ class ServerProcess final {
     static std::unique_ptr<ServerProcess> start(const std::string& home,
                                                 const std::vector<std::string>& extra = {},
                                                 const std::string& binary = POINTLANE_BINARY);
-    // Starts the binary and waits only for it to end (for start-up failures).
+    // Starts the binary and waits only for it to end (for start-up failures). Its output files
+    // (run.out, run.err) go to outputFolder, or to home when that is empty.
     static std::optional<int> runToExit(
         const std::string& home, const std::vector<std::string>& arguments,
-        std::string* output = nullptr,
-        std::chrono::milliseconds timeout = std::chrono::seconds(20));
+        std::string* output = nullptr, std::chrono::milliseconds timeout = std::chrono::seconds(20),
+        const std::string& outputFolder = {});
     ~ServerProcess();
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <chrono>
 #include <filesystem>
@@ -71,6 +72,16 @@ TEST_F(ExportEndToEndTest, PlayedGameExportsAsCsvAndJsonWhileTheServerRunsAndAft
         auto rows = storedRows(databasePath(), "SELECT id FROM Election");
         return rows && rows->size() == 5;
     })) << server->output();
+    // A final estimate for the newer deal, as the table records it (the server made the file
+    // with the estimates' table).
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(databasePath().c_str(), &db), SQLITE_OK);
+    const int recorded = sqlite3_exec(db,
+                                      "INSERT INTO Estimate SELECT max(id), '=2', "
+                                      "'2025-01-02 10:00:00' FROM Deal",
+                                      nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    ASSERT_EQ(recorded, SQLITE_OK);
 
     const Run csv = exportRun({});
     ASSERT_EQ(csv.status, std::optional<int>(0)) << csv.err;
@@ -80,14 +91,15 @@ TEST_F(ExportEndToEndTest, PlayedGameExportsAsCsvAndJsonWhileTheServerRunsAndAft
     ASSERT_EQ(rows->size(), 6u) << csv.out;
     // The newer deal first, its cards in the order they were elected.
     const std::vector<std::vector<std::string>> expected{
-        {kGame, kAdmin, kTurtle, kPlayer, "\u00BD", "3", "2", "1.25", "1.25", "0.5", "2", "false"},
-        {kGame, kAdmin, kTurtle, kAdmin, "?", "3", "2", "1.25", "1.25", "0.5", "2", "false"},
-        {kGame, kAdmin, kTurtle, "Bob", "2", "3", "2", "1.25", "1.25", "0.5", "2", "false"},
-        {kGame, kAdmin, kDeal, kPlayer, "5", "2", "2", "5", "5", "5", "5", "true"},
-        {kGame, kAdmin, kDeal, kAdmin, "5", "2", "2", "5", "5", "5", "5", "true"}};
+        {kGame, kAdmin, kTurtle, kPlayer, "\u00BD", "3", "2", "1.25", "1.25", "0.5", "2", "false",
+         "'=2"},
+        {kGame, kAdmin, kTurtle, kAdmin, "?", "3", "2", "1.25", "1.25", "0.5", "2", "false", "'=2"},
+        {kGame, kAdmin, kTurtle, "Bob", "2", "3", "2", "1.25", "1.25", "0.5", "2", "false", "'=2"},
+        {kGame, kAdmin, kDeal, kPlayer, "5", "2", "2", "5", "5", "5", "5", "true", ""},
+        {kGame, kAdmin, kDeal, kAdmin, "5", "2", "2", "5", "5", "5", "5", "true", ""}};
     for (std::size_t i = 0; i < expected.size(); ++i) {
         auto row = (*rows)[i + 1];
-        ASSERT_EQ(row.size(), 13u);
+        ASSERT_EQ(row.size(), 14u);
         EXPECT_EQ(row[1].size(), 25u) << row[1];  // ISO 8601 with the offset
         row.erase(row.begin() + 1);
         EXPECT_EQ(row, expected[i]) << "row " << i + 1;
@@ -107,6 +119,8 @@ TEST_F(ExportEndToEndTest, PlayedGameExportsAsCsvAndJsonWhileTheServerRunsAndAft
     EXPECT_EQ(game["statistics"], nlohmann::json({{"deals", 2}, {"consensusDeals", 1}}));
     ASSERT_EQ(game["deals"].size(), 2u);
     EXPECT_EQ(game["deals"][0]["name"], kTurtle);
+    EXPECT_EQ(game["deals"][0]["estimate"], "=2");
+    EXPECT_TRUE(game["deals"][1]["estimate"].is_null());
     EXPECT_EQ(game["deals"][0]["statistics"]["cards"], nlohmann::json({"\u00BD", "?", "2"}));
     EXPECT_EQ(game["deals"][0]["statistics"]["median"], 1.25);
     EXPECT_EQ(game["deals"][1]["name"], kDeal);

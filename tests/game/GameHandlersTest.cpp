@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "InProcessServer.h"
+#include "game/GameEvents.h"
 #include "game/GameState.h"
 #include "game/PlayerStore.h"
 #include "storage/Deal.h"
@@ -13,6 +16,7 @@
 #include "storage/Game.h"
 #include "storage/PlayerInfo.h"
 #include "storage/SQLite.h"
+#include "table/TableModel.h"
 #include "transport/Frame.h"
 
 namespace pointlane {
@@ -211,6 +215,98 @@ TEST_F(GameHandlersTest, RecordsQueuedBeforeTheAdministratorsLogoutKeepTheirGame
     EXPECT_EQ((*deals)[0]->name, "Queued deal");
     EXPECT_TRUE(Election::electionsFor((*deals)[0]->id));
     EXPECT_FALSE(GameState::currentGameID());
+}
+
+// The game's events reach the table one at a time in the order of the notifications, and only
+// for requests that were carried out.
+TEST_F(GameHandlersTest, GameEventsFeedTheTableInNotificationOrder) {
+    TableModel table;
+    std::mutex mutex;
+    std::vector<std::string> log;            // guarded by mutex
+    std::optional<std::int64_t> storedDeal;  // guarded by mutex
+    const auto record = [&](const std::string& line) {
+        std::lock_guard lock(mutex);
+        log.push_back(line);
+    };
+    GameEvents events;
+    events.gameOpened = [&](const std::string& facilitator, const std::string& game) {
+        record("opened " + facilitator + " " + game);
+        table.gameOpened(facilitator, game);
+    };
+    events.playerJoined = [&](const std::string& name) {
+        record("joined " + name);
+        table.playerJoined(name);
+    };
+    events.playerLeft = [&](const std::string& name) {
+        record("left " + name);
+        table.playerLeft(name);
+    };
+    events.itemPut = [&](const std::string& title) {
+        record("item " + title);
+        table.itemPut(title);
+    };
+    events.played = [&](const std::string& name) {
+        record("played " + name);
+        table.played(name);
+    };
+    events.cardsOpened = [&] {
+        record("cards opened");
+        table.cardsOpened();
+    };
+    events.cardElected = [&](const std::string& name, const std::string& card) {
+        record("elected " + name + " " + card);
+        table.cardElected(name, card);
+    };
+    events.dealStored = [&](const std::string& title, std::int64_t dealId) {
+        {
+            std::lock_guard lock(mutex);
+            storedDeal = dealId;
+        }
+        table.dealStored(title, dealId);
+    };
+    GameEvents::install(std::move(events));
+    struct Uninstall {
+        ~Uninstall() { GameEvents::install({}); }
+    } uninstall;
+
+    TestPlayer boss = admin();
+    TestPlayer bea = connectPlayer(*server);
+    ASSERT_EQ(bea.client->loginPlayer("Bea", bea.clientServer->port())->code, 0);
+    expectRefusal(server->client()->send(RequestCode::play), AnswerMessage::invalidToken);
+    expectRefusal(bea.client->send(RequestCode::initNewDeal, bytes("{}")),
+                  AnswerMessage::invalidData, *bea.client->token());
+    ASSERT_EQ(bea.client->initNewDeal(" Login page ")->code, 0);
+    ASSERT_EQ(bea.client->play()->code, 0);
+    ASSERT_EQ(boss.client->openCards()->code, 0);
+    ASSERT_EQ(boss.client->cardElected("Bea", "5")->code, 0);
+    ASSERT_EQ(bea.client->logout()->code, 0);
+    // Bea's leaving went out (and so did its event) before the administrator leaves.
+    ASSERT_TRUE(boss.clientServer->waitFor([](const std::vector<Request>& received) {
+        return !received.empty() && received.back().request == RequestCode::playerRemoved;
+    }));
+    sqlm().drain();
+
+    const TableSnapshot during = table.snapshot();
+    ASSERT_EQ(during.seats.size(), 1u);
+    EXPECT_EQ(during.seats[0].name, "Admin");
+    EXPECT_EQ(during.played, 0u);  // Bea took her played flag along
+    ASSERT_TRUE(during.current);
+    EXPECT_EQ(during.current->title, "Login page");
+    EXPECT_TRUE(during.current->opened);
+    ASSERT_EQ(during.current->cards.size(), 1u);
+    EXPECT_EQ(during.current->cards[0].card, "5");
+    const auto deals = Deal::dealsFor(*GameState::currentGameID());
+    ASSERT_TRUE(deals);
+    EXPECT_EQ(during.current->dealId, (*deals)[0]->id);
+
+    ASSERT_EQ(boss.client->logout()->code, 0);
+    ASSERT_TRUE(
+        testkit::waitUntil([&] { return table.snapshot().phase == TableSnapshot::Phase::ended; }));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(storedDeal, (*deals)[0]->id);
+    EXPECT_EQ(log, (std::vector<std::string>{"opened Admin Sprint", "joined Bea",
+                                             "item  Login page ", "played Bea", "cards opened",
+                                             "elected Bea 5", "left Bea", "left Admin"}));
 }
 
 }  // namespace

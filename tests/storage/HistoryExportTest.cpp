@@ -14,6 +14,7 @@
 #include "StorageFixture.h"
 #include "storage/Deal.h"
 #include "storage/Election.h"
+#include "storage/Estimate.h"
 #include "storage/Game.h"
 #include "storage/HistoryReader.h"
 #include "storage/SQLite.h"
@@ -57,7 +58,12 @@ class HistoryExportTest : public testing::StorageFixture {
         agreedDeal = deal(older, kDeal);
         elect(agreedDeal, kPlayer, "1/2");
         elect(agreedDeal, "Bob", "0,5");
-        elect(agreedDeal, "Cy", "du\u017Co");
+        elect(agreedDeal, "Cy", "\u00BD");
+        // Recorded twice: the second replaces the first.
+        for (const char* value : {"8", "1/2"}) {
+            auto estimate = Estimate::make(agreedDeal, value);
+            EXPECT_TRUE(estimate && estimate->save());
+        }
         newer = game("Nowa", "Ala");
         emptyDeal = deal(newer, "Pusta");
     }
@@ -85,7 +91,7 @@ TEST_F(HistoryExportTest, ReaderGivesGamesAndDealsNewestFirstElectionsInOrderInN
     ASSERT_EQ(g.deals.size(), 2u);
     EXPECT_EQ(g.deals[0].deal.id, agreedDeal);
     EXPECT_EQ(g.deals[0].deal.name, kDeal);
-    EXPECT_EQ(g.deals[0].statistics.cards, (std::vector<std::string>{"1/2", "0,5", "du\u017Co"}));
+    EXPECT_EQ(g.deals[0].statistics.cards, (std::vector<std::string>{"1/2", "0,5", "\u00BD"}));
     EXPECT_TRUE(g.deals[0].statistics.consensus);
     EXPECT_EQ(g.deals[0].elections[0].playerName, kPlayer);
     EXPECT_EQ(g.deals[1].statistics.numericCount, 0u);
@@ -128,9 +134,9 @@ TEST_F(HistoryExportTest, CsvAndJsonParseBackToTheStoredHistory) {
     EXPECT_EQ((*rows)[0],
               (std::vector<std::string>{"game", "date", "administrator", "deal", "player", "card",
                                         "cards", "numeric cards", "average", "median", "minimum",
-                                        "maximum", "consensus"}));
+                                        "maximum", "consensus", "estimate"}));
     for (const auto& row : *rows) {
-        EXPECT_EQ(row.size(), 13u);
+        EXPECT_EQ(row.size(), 14u);
     }
     // The newer game's empty deal: one row without player and card.
     EXPECT_EQ((*rows)[1][0], "Nowa");
@@ -145,11 +151,12 @@ TEST_F(HistoryExportTest, CsvAndJsonParseBackToTheStoredHistory) {
     EXPECT_EQ(agreed[4], kPlayer);
     EXPECT_EQ(agreed[5], "1/2");
     EXPECT_EQ((std::vector<std::string>(agreed.begin() + 6, agreed.end())),
-              (std::vector<std::string>{"3", "2", "0.5", "0.5", "0.5", "0.5", "true"}));
-    EXPECT_EQ((*rows)[4][5], "du\u017Co");
+              (std::vector<std::string>{"3", "3", "0.5", "0.5", "0.5", "0.5", "true", "1/2"}));
+    EXPECT_EQ((*rows)[4][5], "\u00BD");
     EXPECT_EQ((*rows)[5][5], "?");
     EXPECT_EQ((*rows)[6][5], "\u2615");
     EXPECT_EQ((*rows)[6][12], "false");
+    EXPECT_EQ((*rows)[6][13], "");
     // ISO 8601 with the offset, the same moment the record holds.
     const auto stored = Game::games();
     ASSERT_TRUE(stored);
@@ -173,15 +180,48 @@ TEST_F(HistoryExportTest, CsvAndJsonParseBackToTheStoredHistory) {
     EXPECT_EQ(g["statistics"]["consensusDeals"], 1);
     const auto& d = g["deals"][0];
     EXPECT_EQ(d["name"], kDeal);
+    EXPECT_EQ(d["estimate"], "1/2");
+    EXPECT_TRUE(g["deals"][1]["estimate"].is_null());
     EXPECT_EQ(d["elections"][0]["player"], kPlayer);
-    EXPECT_EQ(d["elections"][2]["card"], "du\u017Co");
-    EXPECT_EQ(d["statistics"]["cards"], nlohmann::json({"1/2", "0,5", "du\u017Co"}));
+    EXPECT_EQ(d["elections"][2]["card"], "\u00BD");
+    EXPECT_EQ(d["statistics"]["cards"], nlohmann::json({"1/2", "0,5", "\u00BD"}));
     EXPECT_EQ(d["statistics"]["average"], 0.5);
     EXPECT_EQ(d["statistics"]["consensus"], true);
     const auto& text = g["deals"][1]["statistics"];
     EXPECT_TRUE(text["average"].is_null() && text["median"].is_null() &&
                 text["minimum"].is_null() && text["maximum"].is_null());
     EXPECT_EQ(text["count"], 2);
+}
+
+// Whatever the players typed, a spreadsheet opening the CSV runs none of it, and averages
+// come rounded.
+TEST_F(HistoryExportTest, CsvCellsThatLookLikeFormulasStayTextAndAveragesAreRounded) {
+    const std::int64_t g = game("=cmd|' /C calc'!A0", "+1 boss");
+    const std::int64_t d = deal(g, "-2, \"minus\"");
+    elect(d, "@SUM(A1)", "1");
+    elect(d, "Bob", "2");
+    elect(d, "Cy", "2");
+    auto estimate = Estimate::make(d, "=1+1");
+    ASSERT_TRUE(estimate && estimate->save());
+    const auto csv = HistoryExport::fromDatabase(path(), HistoryExport::Format::csv, std::nullopt);
+    ASSERT_TRUE(csv.ok()) << csv.error;
+    const auto rows = parseCsv(*csv.text);
+    ASSERT_TRUE(rows) << *csv.text;
+    ASSERT_EQ(rows->size(), 4u);
+    const auto& first = (*rows)[1];
+    EXPECT_EQ(first[0], "'=cmd|' /C calc'!A0");
+    EXPECT_EQ(first[2], "'+1 boss");
+    EXPECT_EQ(first[3], "'-2, \"minus\"");
+    EXPECT_EQ(first[4], "'@SUM(A1)");
+    EXPECT_EQ(first[8], "1.67");
+    EXPECT_EQ(first[13], "'=1+1");
+    EXPECT_EQ((*rows)[2][4], "Bob");
+    // The JSON carries the texts as they are.
+    const auto json = HistoryExport::fromDatabase(path(), HistoryExport::Format::json, g);
+    ASSERT_TRUE(json.ok()) << json.error;
+    const auto parsed = nlohmann::json::parse(*json.text);
+    EXPECT_EQ(parsed["games"][0]["name"], "=cmd|' /C calc'!A0");
+    EXPECT_EQ(parsed["games"][0]["deals"][0]["estimate"], "=1+1");
 }
 
 TEST_F(HistoryExportTest, MissingOrDamagedFilesAreOneLineErrorsAndNeverWritten) {

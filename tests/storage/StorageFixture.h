@@ -9,11 +9,13 @@
 
 #include "TestKit.h"
 #include "storage/SQLite.h"
+#include "storage/SchemaVersion.h"
 
 namespace pointlane::testing {
 
 // Every test gets a fresh database file in its own folder: the shared connection is closed
-// and re-created there from the project's schema script.
+// and re-created there from the project's schema script and the upgrade steps, as the server
+// makes it.
 class StorageFixture : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -21,7 +23,8 @@ class StorageFixture : public ::testing::Test {
         sqlm().close();
         sqlm().setSchemaPath(POINTLANE_SOURCE_DIR "/resources/Schema.sql");
         path_ = dir_.file("Pointlane.sqlite");
-        ASSERT_TRUE(sqlm().create(path_));
+        ASSERT_TRUE(sqlm().create(
+            path_, [](SQLite& database) { return !SchemaVersion::upgrade(database); }));
     }
     void TearDown() override {
         sqlm().drain();

@@ -70,21 +70,5 @@ TEST(TextConversionsTest, CleanedPutsATableDefinitionOnOneLine) {
     EXPECT_EQ(cleaned("a\r\n\r\nb"), "a b");
 }
 
-TEST(TextConversionsTest, TrimmedAndWhiteSpaceFollowUnicodeSpaces) {
-    EXPECT_EQ(trimmed("  x y \t\r\n"), "x y");
-    EXPECT_EQ(trimmed("\u3000\u00A0Łukasz\u2029\u0085"), "Łukasz");
-    EXPECT_EQ(trimmed(" \u2003 "), "");
-    EXPECT_EQ(trimmed(""), "");
-    EXPECT_EQ(trimmed("\u200Bx\u200B"), "\u200Bx\u200B");  // zero-width space is no space
-    EXPECT_TRUE(isWhiteSpace(U'\u00A0'));
-    EXPECT_TRUE(isWhiteSpace(U'\u1680'));
-    EXPECT_TRUE(isWhiteSpace(U'\u0085'));
-    EXPECT_TRUE(isWhiteSpace(U'\u2028'));
-    EXPECT_TRUE(isWhiteSpace(U'\u000B'));
-    EXPECT_FALSE(isWhiteSpace(U'\u200B'));
-    EXPECT_FALSE(isWhiteSpace(U'\u0008'));
-    EXPECT_FALSE(isWhiteSpace(U'x'));
-}
-
 }  // namespace
 }  // namespace pointlane

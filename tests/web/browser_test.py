@@ -233,7 +233,7 @@ def check_history(page, web_port, shots, played):
     assert fetch(links[".download-csv"]) == text
     rows = list(csv.reader(io.StringIO(text, newline="")))
     assert rows[0] == ["game", "date", "administrator", "deal", "player", "card", "cards", "numeric cards",
-                       "average", "median", "minimum", "maximum", "consensus"], rows[0]
+                       "average", "median", "minimum", "maximum", "consensus", "estimate"], rows[0]
     document = json.loads(fetch(links["#all-json"]))
     assert json.loads(fetch(links[".download-json"])) == document
     assert [g["name"] for g in document["games"]] == ["Sprint 12"], document
@@ -246,6 +246,7 @@ def check_history(page, web_port, shots, played):
     assert sorted(d["name"] for d in stored_game["deals"]) == sorted(p[0] for p in played)
     for name, cards, _, consensus in played:
         deal = next(d for d in stored_game["deals"] if d["name"] == name)
+        assert deal["estimate"] is None, deal
         assert sorted((e["player"], e["card"]) for e in deal["elections"]) == cards, deal
         s = deal["statistics"]
         assert sorted(s["cards"]) == sorted(c for _, c in cards), s
@@ -255,7 +256,7 @@ def check_history(page, web_port, shots, played):
         assert sorted((r[4], r[5]) for r in deal_rows) == cards, deal_rows
         for r in deal_rows:
             assert [float(v) for v in r[6:12]] == list(numbers[name]) and \
-                r[12] == ("true" if consensus else "false"), r
+                r[12] == ("true" if consensus else "false") and r[13] == "", r
     assert len(rows) == 1 + sum(len(p[1]) for p in played), rows
 
 

@@ -1,14 +1,19 @@
 #include "app/AppDelegate.h"
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <QApplication>
 #include <QClipboard>
 #include <QCoreApplication>
 #include <QHostInfo>
 #include <QNetworkInterface>
 #include <QScreen>
+
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <system_error>
@@ -28,7 +33,9 @@
 #include "monitor/DataWindowController.h"
 #include "monitor/JoinCodeWindow.h"
 #include "monitor/StatusItem.h"
+#include "storage/Estimate.h"
 #include "storage/SQLite.h"
+#include "storage/SchemaVersion.h"
 #include "support/MainQueue.h"
 #include "support/NoDestructor.h"
 #include "support/Tracer.h"
@@ -55,6 +62,46 @@ std::string homeDirectory() {
     return home != nullptr ? home : "";
 }
 
+// Why the folder can't take a new file, or nothing. The permission bits are not the whole
+// story (root writes past them, a read-only mount refuses everyone), so a file is really
+// written and removed.
+std::optional<std::string> folderWriteRefusal(const std::filesystem::path& folder) {
+    if (::access(folder.c_str(), W_OK) != 0) {
+        return std::strerror(errno);
+    }
+    const std::string probe = (folder / (".write-check-" + std::to_string(::getpid()))).string();
+    const int descriptor = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor == -1) {
+        return std::strerror(errno);
+    }
+    const bool written = ::write(descriptor, "x", 1) == 1;
+    const int error = errno;
+    ::close(descriptor);
+    ::unlink(probe.c_str());
+    if (!written) {
+        return std::strerror(error);
+    }
+    return std::nullopt;
+}
+
+// Why an existing database file can't be written, or nothing; opening it for writing (and
+// writing nothing) is the real test.
+std::optional<std::string> fileWriteRefusal(const std::string& path) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) {
+        return std::nullopt;
+    }
+    if (::access(path.c_str(), W_OK) != 0) {
+        return std::strerror(errno);
+    }
+    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (descriptor == -1) {
+        return std::strerror(errno);
+    }
+    ::close(descriptor);
+    return std::nullopt;
+}
+
 // Feeds the table from the game's events. Done once, before the first listener starts: the
 // events are read by connection threads that may outlive any one delegate.
 void feedTableFromGame(TableModel& table) {
@@ -76,9 +123,8 @@ void feedTableFromGame(TableModel& table) {
             table.dealStored(title, dealId);
         };
         GameEvents::install(std::move(events));
-        table.setEstimateSink([](std::int64_t, const std::string&) {
-            // Final estimates are not stored yet: the database has no place for them so far.
-        });
+        // A final estimate the table records is stored with its deal.
+        table.setEstimateSink(&Estimate::record);
     });
 }
 
@@ -98,7 +144,13 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
     std::error_code error;
     std::filesystem::create_directories(directory, error);
     if (error) {
-        fatalError(error.message());
+        fatalError("Pointlane can't make its data folder " + directory.string() + ": " +
+                   error.message() + ".");
+    }
+    // A server that can't store what it answers must not start: nothing is advertised yet.
+    if (const auto why = folderWriteRefusal(directory)) {
+        fatalError("Pointlane can't write to its data folder " + directory.string() + ": " + *why +
+                   ".");
     }
     // One server per data folder, from before the database is touched until the process ends.
     std::string refusal;
@@ -107,6 +159,9 @@ AppDelegate::AppDelegate(Options options) : options_(options) {
         fatalError(refusal);
     }
     databasePath_ = (directory / "Pointlane.sqlite").string();
+    if (const auto why = fileWriteRefusal(databasePath_)) {
+        fatalError("Pointlane can't write to its database " + databasePath_ + ": " + *why + ".");
+    }
     if (!options_.headless) {
         // The menu's actions reach the delegate only while it exists.
         statusItem = std::make_unique<StatusItem>([this] { statusDidCliecked(); },
@@ -136,11 +191,48 @@ void AppDelegate::applicationWillFinishLaunching() {
     if (statusItem) {
         statusItem->setToolTip(QString::fromLatin1(StatusItem::kToolTip));
     }
+    // Whoever watches the server hears when stores fail and when they succeed again: the
+    // table (so every page says so) at once, the tray on the main thread. The standard output
+    // line comes from the database itself.
+    sqlm().setWriteStatusListener([weak = weak_from_this()](bool failing, const std::string& why) {
+        table().setSavingFailed(failing);
+        after(0, [weak, failing, why] {
+            if (auto self = weak.lock()) {
+                self->writeStatusChanged(failing, why);
+            }
+        });
+    });
+}
+
+void AppDelegate::writeStatusChanged(bool failing, const std::string& reason) {
+    if (!statusItem) {
+        return;
+    }
+    const QString base = QString::fromLatin1(StatusItem::kToolTip);
+    if (!failing) {
+        statusItem->setToolTip(base);
+        statusItem->trayIcon().showMessage(QString::fromLatin1(kServiceName),
+                                           QStringLiteral("Saving works again."),
+                                           QSystemTrayIcon::Information);
+        return;
+    }
+    const QString line = QStringLiteral("Can't save: ") + QString::fromStdString(reason) +
+                         QStringLiteral(". Records are kept and retried.");
+    statusItem->setToolTip(base + QStringLiteral(" - ") + line);
+    statusItem->trayIcon().showMessage(QString::fromLatin1(kServiceName), line,
+                                       QSystemTrayIcon::Warning);
 }
 
 void AppDelegate::openDatabase() {
+    // A newer layout or a damaged file is refused before anything writes to it.
+    if (const auto refusal = SchemaVersion::check(databasePath_)) {
+        fatalError(*refusal);
+    }
     if (!sqlm().open(databasePath_)) {
         fatalError("Can't open the database.");
+    }
+    if (const auto why = SchemaVersion::upgrade(sqlm())) {
+        fatalError("Pointlane can't upgrade the database " + databasePath_ + ": " + *why + ".");
     }
     pointlane::tr().info(kSubject, "Database opened (" + databasePath_ + ")", "openDatabase()",
                          __LINE__);
@@ -148,7 +240,9 @@ void AppDelegate::openDatabase() {
 
 void AppDelegate::createDatabase() {
     sqlm().setSchemaPath(SchemaLocation::find());
-    if (!sqlm().create(databasePath_, [](SQLite&) { return true; })) {
+    // The script makes the first release's layout, the upgrade steps the rest.
+    if (!sqlm().create(databasePath_,
+                       [](SQLite& database) { return !SchemaVersion::upgrade(database); })) {
         fatalError("Can't create the database.");
     }
     pointlane::tr().info(kSubject, "Database created (" + databasePath_ + ")", "createDatabase()",

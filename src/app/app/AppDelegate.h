@@ -67,14 +67,16 @@ class AppDelegate final : public QObject,
     };
 
     // Makes the database folder ($HOME/.Pointlane), locks it and fixes the database path; a
-    // folder that can't be made or locked (another server uses it) stops the process with
-    // status 1 and one line saying why.
+    // folder that can't be made, written or locked (another server uses it), or a database file
+    // that can't be written, stops the process with status 1 and one line naming the path and
+    // saying why.
     static std::shared_ptr<AppDelegate> create(Options options);
     ~AppDelegate() override;
 
-    // Opens the database, or creates it when the file is missing or not a database, and
-    // empties the known players. A database that can't be opened or created stops the
-    // process ("Can't open the database." / "Can't create the database.").
+    // Opens the database (upgrading an older layout in place), or creates it when the file is
+    // missing or not a database, and empties the known players. A database of a newer layout,
+    // a damaged one, or one that can't be opened, upgraded or created stops the process with
+    // one line ("Can't open the database." / "Can't create the database." / the reason).
     void applicationWillFinishLaunching();
     // Shows the tray item's icon and menu, then starts the listener on its own thread, waits
     // until it listens (or gave up), reports the port and publishes the advertisement.
@@ -132,6 +134,8 @@ class AppDelegate final : public QObject,
     // one), closes the database and ends the event loop with status 1; nothing is advertised.
     void cantServe();
     void startWebTable();
+    // Stores started failing, or work again: the tray says so (main thread).
+    void writeStatusChanged(bool failing, const std::string& reason);
     // Ends the event loop with status; main() then withdraws the advertisement and exits.
     static void terminate(int status);
 

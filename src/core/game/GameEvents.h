@@ -12,8 +12,8 @@ namespace pointlane {
 // from the database queue once the deal is saved. An event that is not set is skipped.
 // Handlers must not call into the registry (its lock is held) and should be quick.
 //
-// Threading: install() once at start-up, before the game serves requests; current() from any
-// thread afterwards.
+// Threading: thread safe. install() replaces the events for the requests that follow; a set
+// once installed is never destroyed, so current() may be held by a request under way.
 struct GameEvents {
     std::function<void(const std::string& facilitator, const std::string& game)> gameOpened;
     std::function<void(const std::string& name)> playerJoined;

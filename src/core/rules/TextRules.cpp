@@ -192,8 +192,8 @@ std::string trimmed(std::string_view text) {
         }
         return std::string(text.substr(b, e - b));
     }
-    // A character is white space by its first code point, so a space followed by a combining
-    // mark is a character of its own and stays.
+    // A character is white space by its first code point (a space carrying a combining mark
+    // goes as a whole).
     const CharacterRanges ranges = characterRanges(text);
     auto white = [&](std::size_t i) {
         return isWhiteSpace(firstCodePoint(text.substr(ranges[i].first, ranges[i].second)));

@@ -1,6 +1,7 @@
 #include "storage/HistoryExport.h"
 
 #include <charconv>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "support/DateHelpers.h"
@@ -22,13 +23,23 @@ void appendEach(std::string& out, const Items& items, AppendOne&& appendOne) {
     }
 }
 
-// Appends one CSV field, quoted only when it has to be.
+// Appends one CSV field, quoted only when it has to be. A field a spreadsheet would take for a
+// formula (it begins with =, +, - or @, or a tab or carriage return that hides one) is written
+// after an apostrophe, so that it stays text.
 void appendField(std::string& out, std::string_view field) {
+    const bool formula = !field.empty() &&
+                         std::string_view("=+-@\t\r").find(field.front()) != std::string_view::npos;
     if (field.find_first_of(",\"\r\n") == std::string_view::npos) {
+        if (formula) {
+            out += '\'';
+        }
         out.append(field);
         return;
     }
     out += '"';
+    if (formula) {
+        out += '\'';
+    }
     for (const char c : field) {
         if (c == '"') {
             out += '"';
@@ -48,8 +59,16 @@ std::string number(const std::optional<double>& value) {
     return error == std::errc() ? std::string(buffer, end) : std::string();
 }
 
-// The columns a deal's rows share: its name first, its statistics last (from the comma before
-// them to the line end).
+// A number rounded to two decimals for the CSV ("3.33", "8", "10.5").
+std::optional<double> rounded(const std::optional<double>& value) {
+    if (!value) {
+        return value;
+    }
+    return std::round(*value * 100.0) / 100.0;
+}
+
+// The columns a deal's rows share: its name first, its statistics and estimate last (from the
+// comma before them to the line end).
 struct DealColumns {
     std::string name;
     std::string statistics;
@@ -58,17 +77,21 @@ struct DealColumns {
 DealColumns dealColumns(const DealHistory* deal) {
     DealColumns columns;
     if (deal == nullptr) {
-        columns.statistics = ",,,,,,,\r\n";
+        columns.statistics = ",,,,,,,,\r\n";
         return columns;
     }
     appendField(columns.name, deal->deal.name);
     const RoundStatistics& s = deal->statistics;
     columns.statistics = "," + std::to_string(s.count) + "," + std::to_string(s.numericCount);
-    for (const auto& value : {s.average, s.median, s.minimum, s.maximum}) {
+    for (const auto& value : {rounded(s.average), s.median, s.minimum, s.maximum}) {
         columns.statistics += ',';
         columns.statistics += number(value);
     }
-    columns.statistics += s.consensus ? ",true\r\n" : ",false\r\n";
+    columns.statistics += s.consensus ? ",true," : ",false,";
+    if (deal->estimate) {
+        appendField(columns.statistics, *deal->estimate);
+    }
+    columns.statistics += "\r\n";
     return columns;
 }
 
@@ -104,6 +127,12 @@ void appendDeal(std::string& out, const DealHistory& deal) {
     out += std::to_string(deal.deal.id);
     out += ",\"name\":";
     appendString(out, deal.deal.name);
+    out += ",\"estimate\":";
+    if (deal.estimate) {
+        appendString(out, *deal.estimate);
+    } else {
+        out += "null";
+    }
     out += ",\"elections\":[";
     for (std::size_t i = 0; i < deal.elections.size(); ++i) {
         const Election& election = deal.elections[i];
@@ -138,7 +167,7 @@ void appendDeal(std::string& out, const DealHistory& deal) {
 std::string HistoryExport::csv(const History& history) {
     std::string out =
         "game,date,administrator,deal,player,card,cards,numeric cards,average,median,minimum,"
-        "maximum,consensus\r\n";
+        "maximum,consensus,estimate\r\n";
     for (const GameHistory& game : history.games) {
         // The game's columns: name, date, administrator, each followed by its comma.
         std::string columns;

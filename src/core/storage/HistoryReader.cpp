@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "storage/Estimate.h"
 #include "storage/SQLite.h"
 #include "storage/SQLiteStatement.h"
 #include "storage/Values.h"
@@ -90,7 +91,7 @@ HistoryResult HistoryReader::read(const std::string& path, std::optional<std::in
 HistoryReader::~HistoryReader() = default;
 
 HistoryResult HistoryReader::read(std::optional<std::int64_t> gameId) {
-    // One read transaction: the three queries see the same moment of the file.
+    // One read transaction: the queries see the same moment of the file.
     if (sqlite3_exec(db_.get(), "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK) {
         return {std::nullopt, failure(path_, sqlite3_errmsg(db_.get()))};
     }
@@ -132,7 +133,7 @@ HistoryResult HistoryReader::read(std::optional<std::int64_t> gameId) {
             }
             auto& list = history.games[game->second].deals;
             dealIndex.emplace(deal->id, std::make_pair(game->second, list.size()));
-            list.push_back(DealHistory{std::move(*deal), {}, {}});
+            list.push_back(DealHistory{std::move(*deal), {}, {}, {}});
         })) {
         return damaged(*error);
     }
@@ -153,6 +154,33 @@ HistoryResult HistoryReader::read(std::optional<std::int64_t> gameId) {
             }
         })) {
         return damaged(*error);
+    }
+
+    // A file of the first layout (not upgraded yet: this reader never writes) has no estimates.
+    bool hasEstimates = false;
+    if (auto error = eachRow(db_.get(),
+                             "SELECT name FROM sqlite_master WHERE type='table' AND "
+                             "name='Estimate'",
+                             std::nullopt, [&](const RowData&) { hasEstimates = true; })) {
+        return damaged(*error);
+    }
+    const std::string estimates =
+        gameId ? "SELECT * FROM Estimate WHERE dealId IN (SELECT id FROM Deal WHERE gameId=:id)"
+               : "SELECT * FROM Estimate";
+    if (hasEstimates) {
+        if (auto error = eachRow(db_.get(), estimates, gameId, [&](const RowData& row) {
+                auto estimate = Estimate::fromRow(row);
+                if (!estimate) {
+                    return;
+                }
+                const auto deal = dealIndex.find(estimate->dealId);
+                if (deal != dealIndex.end()) {
+                    history.games[deal->second.first].deals[deal->second.second].estimate =
+                        std::move(estimate->value);
+                }
+            })) {
+            return damaged(*error);
+        }
     }
 
     for (GameHistory& game : history.games) {

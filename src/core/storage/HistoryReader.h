@@ -16,11 +16,13 @@ struct sqlite3;
 
 namespace pointlane {
 
-// One deal as stored, with its elections in the order they were made and their statistics.
+// One deal as stored, with its elections in the order they were made, their statistics and
+// the final estimate recorded for it (nothing when none, or in a file of the first layout).
 struct DealHistory {
     Deal deal;
     std::vector<Election> elections;
     RoundStatistics statistics;
+    std::optional<std::string> estimate;
 };
 
 // One game as stored, with its deals newest first.

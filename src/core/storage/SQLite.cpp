@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -119,6 +120,8 @@ bool SQLite::open(const std::string& path) {
     if (!isValidDatabase(path)) {
         return false;
     }
+    resetKeeping();
+    unsaved_.store(0);
     sqlite3* handle = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &handle,
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr);
@@ -146,6 +149,8 @@ bool SQLite::create(const std::string& path, const std::function<bool(SQLite&)>&
         printLine("The database exists!");
         return false;
     }
+    resetKeeping();
+    unsaved_.store(0);
     sqlite3* handle = nullptr;
     const int rc = sqlite3_open_v2(
         path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
@@ -251,13 +256,42 @@ bool SQLite::execQuery(const std::string& query) {
         return false;
     }
     OperationLock lock(db);
+    const bool keeps = keepsWrites();
+    if (keeps && broken_) {
+        kept_.push_back({PendingWrite::Kind::statement, {}, {}, query});
+        return true;
+    }
     const int rc = sqlite3_exec(db, query.c_str(), nullptr, nullptr, nullptr);
     if (rc == SQLITE_OK) {
+        if (keeps) {
+            kept_.push_back({PendingWrite::Kind::statement, {}, {}, query});
+        }
+        return true;
+    }
+    if (keeps && (isTransient(rc) || sqlite3_get_autocommit(db) != 0)) {
+        breakTransaction(sqlite3_errmsg(db));
+        kept_.push_back({PendingWrite::Kind::statement, {}, {}, query});
         return true;
     }
     printLine(query);
     checkError("execQuery", __LINE__);
     return false;
+}
+
+int SQLite::quietExec(const char* query, std::string* reason) {
+    sqlite3* db = db_.load();
+    if (db == nullptr) {
+        if (reason != nullptr) {
+            *reason = "the database is closed";
+        }
+        return SQLITE_MISUSE;
+    }
+    OperationLock lock(db);
+    const int rc = sqlite3_exec(db, query, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK && reason != nullptr) {
+        *reason = sqlite3_errmsg(db);
+    }
+    return rc;
 }
 
 void SQLite::adopt(sqlite3* handle) {
@@ -284,15 +318,43 @@ void SQLite::finalizeCachedStatements() {
 
 void SQLite::closeStep() {
     if (sqliteQueue_.isCurrent()) {
-        // Closed from a block: what the batch stored so far is committed first.
-        commitBatch();
+        // Closed from a block: what the batch stored so far is committed first, and a file
+        // that keeps refusing it is given up on after a while.
+        {
+            std::lock_guard lock(retryMutex_);
+            if (!giveUpAt_) {
+                giveUpAt_ = std::chrono::steady_clock::now() + kQuitRetryTime;
+            }
+        }
+        const bool recording = std::exchange(recording_, false);
+        finishTransaction();
+        recording_ = recording;
     }
     sqlite3* db = db_.load();
+    const std::string file = databaseFile();
     finalizeCachedStatements();
     if (db != nullptr && sqlite3_close(db) == SQLITE_OK) {
         db_.store(nullptr);
         (void)connection_.release();  // closed just now
     }
+    if (const std::size_t unsaved = unsaved_.load(); db != nullptr && unsaved > 0) {
+        printLine("Pointlane couldn't save " + std::to_string(unsaved) + " records to " + file +
+                  "; each is on standard error as one JSON line.");
+    }
+    resetKeeping();
+}
+
+void SQLite::resetKeeping() {
+    // Called by the worker between batches, or while no block runs at all (open(), create()
+    // and close() are called while no other thread uses the connection).
+    kept_.clear();
+    committedPosts_.clear();
+    broken_ = false;
+    givenUp_ = false;
+    failureAnnounced_ = false;
+    lastIds_.clear();
+    std::lock_guard lock(retryMutex_);
+    giveUpAt_.reset();
 }
 
 void SQLite::deliver(const std::vector<Event>& events) {
@@ -303,10 +365,22 @@ void SQLite::deliver(const std::vector<Event>& events) {
 
 void SQLite::runBatch(std::vector<WorkQueue::Block>& batch) {
     for (WorkQueue::Block& block : batch) {
-        if (!inTransaction_ && db_.load() != nullptr) {
-            inTransaction_ = execQuery("BEGIN IMMEDIATE");
+        if (givenUp_ && db_.load() != nullptr) {
+            // A quit gave up on earlier writes: later ones may refer to them, so they are
+            // written out after them, never stored without them.
+            broken_ = true;
         }
-        const bool isolated = inTransaction_ && execQuery("SAVEPOINT block");
+        if (!inTransaction_ && !broken_ && db_.load() != nullptr) {
+            std::string reason;
+            const int rc = quietExec("BEGIN IMMEDIATE", &reason);
+            inTransaction_ = rc == SQLITE_OK;
+            if (isTransient(rc)) {
+                breakTransaction(reason);  // a lock held too long, a read-only file
+            }
+        }
+        const bool isolated = inTransaction_ && quietExec("SAVEPOINT block") == SQLITE_OK;
+        const std::size_t mark = kept_.size();
+        recording_ = inTransaction_ || broken_;
         bool ran;
         std::vector<Event> posts;
         {
@@ -314,9 +388,9 @@ void SQLite::runBatch(std::vector<WorkQueue::Block>& batch) {
             ran = sqliteQueue_.runReporting(block);
             posts = deferred.take();
         }
+        recording_ = false;
         block = nullptr;
-        sqlite3* db = db_.load();
-        if (!inTransaction_) {
+        if (!inTransaction_ && !broken_) {
             // No transaction (no database, or the block closed it): its rows, if any, are
             // already committed.
             if (ran) {
@@ -324,54 +398,262 @@ void SQLite::runBatch(std::vector<WorkQueue::Block>& batch) {
             }
             continue;
         }
-        if (db == nullptr || sqlite3_get_autocommit(db) != 0) {
-            // The library rolled the whole transaction back (a full disk, an I/O error): the
-            // rows of this batch so far are gone, and so are their announcements.
-            printLine("SQLite: runBatch (" + std::to_string(__LINE__) +
-                      "): the transaction was rolled back; " +
-                      std::to_string(committedPosts_.size() + posts.size()) +
-                      " change announcements dropped");
-            inTransaction_ = false;
-            committedPosts_.clear();
-            continue;
+        sqlite3* db = db_.load();
+        if (inTransaction_ && (db == nullptr || sqlite3_get_autocommit(db) != 0)) {
+            // The library rolled the whole transaction back: what it wrote is kept.
+            breakTransaction("the transaction was rolled back");
         }
-        if (!ran && isolated) {
-            execQuery("ROLLBACK TO block");
+        if (!ran) {
+            // A block that throws is undone alone: its rows and its kept writes go.
+            kept_.resize(mark);
+            if (isolated && inTransaction_) {
+                quietExec("ROLLBACK TO block");
+            }
         }
-        if (isolated) {
-            execQuery("RELEASE block");
+        if (isolated && inTransaction_) {
+            quietExec("RELEASE block");
         }
         if (ran) {
             committedPosts_.insert(committedPosts_.end(), posts.begin(), posts.end());
         }
     }
-    commitBatch();
+    finishTransaction();
 }
 
-void SQLite::commitBatch() {
-    if (!inTransaction_) {
+void SQLite::finishTransaction() {
+    if (inTransaction_) {
+        inTransaction_ = false;
+        std::string reason;
+        if (quietExec("COMMIT", &reason) == SQLITE_OK) {
+            committed(kept_.size());
+            return;
+        }
+        breakTransaction(reason);
+    }
+    if (!broken_) {
         return;
     }
-    inTransaction_ = false;
-    std::vector<Event> posts = std::exchange(committedPosts_, {});
-    if (execQuery("COMMIT")) {
-        deliver(posts);
+    if (kept_.empty() && !givenUp_) {
+        // Nothing was written: nothing to keep.
+        committed(0);
         return;
     }
+    announceFailure();
+    auto delay = kFirstRetryDelay;
+    for (;;) {
+        if (quitDeadlinePassed()) {
+            writeOutKept();
+            return;
+        }
+        waitBeforeRetry(delay);
+        delay = std::min(delay * 2, kLongestRetryDelay);
+        std::string reason;
+        if (storeKept(reason)) {
+            committed(kept_.size());
+            return;
+        }
+        failureReason_ = reason;
+    }
+}
+
+bool SQLite::isTransient(int code) {
+    switch (code & 0xff) {
+        case SQLITE_FULL:
+        case SQLITE_IOERR:
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+        case SQLITE_READONLY:
+        case SQLITE_CANTOPEN:
+        case SQLITE_NOMEM:
+        case SQLITE_PROTOCOL:
+            return true;
+        default:
+            return false;
+    }
+}
+
+void SQLite::breakTransaction(const std::string& reason) {
     sqlite3* db = db_.load();
     if (db != nullptr && sqlite3_get_autocommit(db) == 0) {
-        execQuery("ROLLBACK");
+        quietExec("ROLLBACK");
     }
-    printLine("SQLite: commitBatch (" + std::to_string(__LINE__) +
-              "): the batch was rolled back; " + std::to_string(posts.size()) +
-              " change announcements dropped");
+    inTransaction_ = false;
+    broken_ = true;
+    failureReason_ = reason;
+}
+
+std::int64_t SQLite::keepInsert(const std::string& table, const std::vector<SQLField>& fields,
+                                std::optional<std::int64_t> id) {
+    PendingWrite write{PendingWrite::Kind::insert, table, {}, {}};
+    write.fields.reserve(fields.size() + 1);
+    const auto given = std::find_if(fields.begin(), fields.end(),
+                                    [](const SQLField& field) { return field.name == "id"; });
+    if (given != fields.end() && given->data.integerValue()) {
+        id = *given->data.integerValue();
+    } else {
+        if (!id) {
+            id = reserveId(table);
+        }
+        write.fields.push_back({"id", DataValue::integer(*id)});
+    }
+    write.fields.insert(write.fields.end(), fields.begin(), fields.end());
+    kept_.push_back(std::move(write));
+    std::int64_t& last = lastIds_[table];
+    last = std::max(last, *id);
+    return *id;
+}
+
+std::int64_t SQLite::reserveId(const std::string& table) {
+    // Above the highest stored id (what the library would hand out next) and above every id
+    // handed out for rows that are only kept so far.
+    std::int64_t top = lastIds_[table];
+    auto [status, statement] = fetchStatement("SELECT max(id) FROM " + table);
+    if (status == SQLiteStatusCode::ok && statement.step() == SQLITE_ROW) {
+        top = std::max(top, statement.columnValue(0).integerValue().value_or(0));
+    }
+    return top + 1;
+}
+
+int SQLite::apply(const PendingWrite& write) {
+    sqlite3* db = db_.load();
+    if (write.kind == PendingWrite::Kind::statement) {
+        return quietExec(write.sql.c_str());
+    }
+    auto [status, statement] = fetchStatement(write.statementText());
+    if (status != SQLiteStatusCode::ok) {
+        return db != nullptr ? sqlite3_errcode(db) : SQLITE_MISUSE;
+    }
+    for (const SQLField& field : write.fields) {
+        statement.bind(field);
+    }
+    statement.step();
+    return statement.finalize();
+}
+
+bool SQLite::storeKept(std::string& reason) {
+    sqlite3* db = db_.load();
+    if (db == nullptr) {
+        reason = "the database is closed";
+        return false;
+    }
+    OperationLock lock(db);
+    if (quietExec("BEGIN IMMEDIATE", &reason) != SQLITE_OK) {
+        return false;
+    }
+    std::vector<PendingWrite> left;
+    for (const PendingWrite& write : kept_) {
+        const int rc = apply(write);
+        if (rc == SQLITE_OK) {
+            continue;
+        }
+        if (isTransient(rc) || sqlite3_get_autocommit(db) != 0) {
+            reason = sqlite3_errmsg(db);
+            if (sqlite3_get_autocommit(db) == 0) {
+                quietExec("ROLLBACK");
+            }
+            return false;
+        }
+        // Refused for what it is (a constraint): it could never be stored.
+        checkError("storeKept", __LINE__);
+        printLine("Pointlane left out a record it couldn't store: " + write.jsonLine());
+    }
+    if (quietExec("COMMIT", &reason) != SQLITE_OK) {
+        if (sqlite3_get_autocommit(db) == 0) {
+            quietExec("ROLLBACK");
+        }
+        return false;
+    }
+    return true;
+}
+
+void SQLite::committed(std::size_t stored) {
+    kept_.clear();
+    broken_ = false;
+    deliver(std::exchange(committedPosts_, {}));
+    if (failureAnnounced_) {
+        failureAnnounced_ = false;
+        printLine("Pointlane saves to " + databaseFile() + " again; " + std::to_string(stored) +
+                  " records kept meanwhile are stored.");
+        notifyStatus(false, {});
+    }
+}
+
+void SQLite::announceFailure() {
+    if (failureAnnounced_) {
+        return;
+    }
+    failureAnnounced_ = true;
+    printLine("Pointlane can't save to " + databaseFile() + ": " + failureReason_ + "; keeping " +
+              std::to_string(kept_.size()) + " records and retrying.");
+    notifyStatus(true, failureReason_);
+}
+
+bool SQLite::quitDeadlinePassed() {
+    std::lock_guard lock(retryMutex_);
+    return giveUpAt_ && std::chrono::steady_clock::now() >= *giveUpAt_;
+}
+
+void SQLite::waitBeforeRetry(std::chrono::milliseconds delay) {
+    std::unique_lock lock(retryMutex_);
+    auto until = std::chrono::steady_clock::now() + delay;
+    if (giveUpAt_ && *giveUpAt_ < until) {
+        until = *giveUpAt_;
+    }
+    retryWake_.wait_until(lock, until, [&] {
+        return std::chrono::steady_clock::now() >= until ||
+               (giveUpAt_ && std::chrono::steady_clock::now() >= *giveUpAt_);
+    });
+}
+
+void SQLite::writeOutKept() {
+    // One line per record, each written whole, so that a reader can take them back in.
+    for (const PendingWrite& write : kept_) {
+        const std::string line = write.jsonLine() + "\n";
+        std::fwrite(line.data(), 1, line.size(), stderr);
+    }
+    std::fflush(stderr);
+    unsaved_ += kept_.size();
+    givenUp_ = true;
+    kept_.clear();
+    committedPosts_.clear();
+    broken_ = false;
+}
+
+std::string SQLite::databaseFile() const {
+    sqlite3* db = db_.load();
+    const char* file = db != nullptr ? sqlite3_db_filename(db, "main") : nullptr;
+    return file != nullptr ? file : "the database";
+}
+
+void SQLite::setWriteStatusListener(WriteStatusListener listener) {
+    std::lock_guard lock(listenerMutex_);
+    listener_ = std::move(listener);
+}
+
+void SQLite::notifyStatus(bool failing, const std::string& reason) {
+    WriteStatusListener listener;
+    {
+        std::lock_guard lock(listenerMutex_);
+        listener = listener_;
+    }
+    if (listener) {
+        listener(failing, reason);
+    }
 }
 
 void SQLite::close() {
     closeStep();
 }
 
-void SQLite::closeAfterPendingWork() {
+void SQLite::closeAfterPendingWork(std::chrono::milliseconds retryTime) {
+    {
+        std::lock_guard lock(retryMutex_);
+        const auto deadline = std::chrono::steady_clock::now() + retryTime;
+        if (!giveUpAt_ || deadline < *giveUpAt_) {
+            giveUpAt_ = deadline;
+        }
+    }
+    retryWake_.notify_all();
     if (sqliteQueue_.isCurrent()) {
         closeStep();
         return;
@@ -468,6 +750,10 @@ std::optional<std::int64_t> SQLite::insert(const std::string& table,
         checkError("insert(table:fields:)", __LINE__);
         return std::nullopt;
     }
+    const bool keeps = keepsWrites();
+    if (keeps && broken_) {
+        return keepInsert(table, fields, std::nullopt);
+    }
     auto cached = insertStatements_.find(query);
     if (cached == insertStatements_.end()) {
         auto [status, statement] = fetchStatement(query);
@@ -488,46 +774,65 @@ std::optional<std::int64_t> SQLite::insert(const std::string& table,
     // also drops the bindings (blobs are bound without copying) before the caller's fields go.
     const int rc = statement.reset();
     if (rc != SQLITE_OK) {
+        if (keeps && (isTransient(rc) || sqlite3_get_autocommit(db) != 0)) {
+            breakTransaction(sqlite3_errmsg(db));
+            return keepInsert(table, fields, std::nullopt);
+        }
         checkError("insert(table:fields:)", __LINE__);
         return std::nullopt;
     }
-    return sqlite3_last_insert_rowid(db);
+    const std::int64_t id = sqlite3_last_insert_rowid(db);
+    if (keeps) {
+        keepInsert(table, fields, id);
+    }
+    return id;
+}
+
+bool SQLite::replace(const std::string& table, const std::vector<SQLField>& fields) {
+    if (fields.empty()) {
+        return false;
+    }
+    return write(PendingWrite{PendingWrite::Kind::replace, table, fields, {}}, "replace");
+}
+
+bool SQLite::write(PendingWrite change, const char* operation) {
+    sqlite3* db = db_.load();
+    OperationLock lock(db);
+    if (db == nullptr) {
+        checkError(operation, __LINE__);
+        return false;
+    }
+    const bool keeps = keepsWrites();
+    if (keeps && broken_) {
+        kept_.push_back(std::move(change));
+        return true;
+    }
+    const int rc = apply(change);
+    if (rc == SQLITE_OK) {
+        if (keeps) {
+            kept_.push_back(std::move(change));
+        }
+        return true;
+    }
+    if (keeps && (isTransient(rc) || sqlite3_get_autocommit(db) != 0)) {
+        breakTransaction(sqlite3_errmsg(db));
+        kept_.push_back(std::move(change));
+        return true;
+    }
+    checkError(operation, __LINE__);
+    return false;
 }
 
 bool SQLite::update(const std::string& table, const std::vector<SQLField>& fields) {
     if (fields.empty()) {
         return false;
     }
-    const SQLField& key = fields.front();
-    const auto keyValue = key.data.integerValue();
-    if (!keyValue) {
+    if (!fields.front().data.integerValue()) {
         printLine("Error: a field id not found. update(table:fields:):" + std::to_string(__LINE__));
         return false;
     }
-    std::string assignments;
-    for (const SQLField& field : fields) {
-        if (!assignments.empty()) {
-            assignments += ',';
-        }
-        assignments += field.name + "=:" + field.name;
-    }
-    const std::string query = "UPDATE " + table + " SET " + assignments + " WHERE " + key.name +
-                              "=" + std::to_string(*keyValue);
-    OperationLock lock(db_.load());
-    auto [status, statement] = fetchStatement(query);
-    bool ok = status == SQLiteStatusCode::ok;
-    if (ok) {
-        for (const SQLField& field : fields) {
-            statement.bind(field);
-        }
-        statement.step();
-        ok = statement.finalize() == SQLITE_OK;
-    }
-    if (!ok) {
-        checkError("update(table:fields:)", __LINE__);
-        return false;
-    }
-    return true;
+    return write(PendingWrite{PendingWrite::Kind::update, table, fields, {}},
+                 "update(table:fields:)");
 }
 
 }  // namespace pointlane

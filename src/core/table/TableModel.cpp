@@ -33,6 +33,9 @@ std::condition_variable& callsDone() {
 // The listeners this thread is calling right now (a listener may change the model again).
 thread_local std::vector<const void*> callingNow;
 
+// Deals stored before their item arrived that are kept waiting, at most.
+constexpr std::size_t kStoredEarlyLimit = 16;
+
 std::int64_t nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -122,6 +125,7 @@ void TableModel::gameOpened(const std::string& facilitator, const std::string& g
         state_.current.reset();
         state_.items.clear();
         state_.countdownEndsAtMs.reset();
+        storedEarly_.clear();
         TableSeat seat;
         seat.name = facilitator;
         seat.facilitator = true;
@@ -186,6 +190,13 @@ void TableModel::itemPut(const std::string& title) {
         item.number = static_cast<int>(state_.items.size()) + (state_.current ? 2 : 1);
         item.title = trimmed(title);
         item.statistics = RoundStatistics::of({}, state_.deck);
+        const auto early =
+            std::find_if(storedEarly_.begin(), storedEarly_.end(),
+                         [&](const auto& stored) { return stored.first == item.title; });
+        if (early != storedEarly_.end()) {
+            item.dealId = early->second;
+            storedEarly_.erase(early);
+        }
         if (state_.current) {
             state_.items.push_back(std::move(*state_.current));
         }
@@ -251,17 +262,24 @@ void TableModel::cardElected(const std::string& name, const std::string& card) {
 
 void TableModel::dealStored(const std::string& title, std::int64_t dealId) {
     change([&](Effects& effects) {
-        const std::string wanted = trimmed(title);
+        std::string wanted = trimmed(title);
         TableItem* found = nullptr;
-        if (state_.current && !state_.current->dealId && state_.current->title == wanted) {
-            found = &*state_.current;
-        }
-        for (auto it = state_.items.rbegin(); found == nullptr && it != state_.items.rend(); ++it) {
-            if (!it->dealId && it->title == wanted) {
-                found = &*it;
+        for (TableItem& item : state_.items) {
+            if (!item.dealId && item.title == wanted) {
+                found = &item;
+                break;
             }
         }
+        if (found == nullptr && state_.current && !state_.current->dealId &&
+            state_.current->title == wanted) {
+            found = &*state_.current;
+        }
         if (found == nullptr) {
+            // Its item is still on the way (or its game has gone): it waits, in bounds.
+            if (storedEarly_.size() == kStoredEarlyLimit) {
+                storedEarly_.erase(storedEarly_.begin());
+            }
+            storedEarly_.emplace_back(std::move(wanted), dealId);
             return false;
         }
         found->dealId = dealId;
@@ -477,6 +495,7 @@ void TableModel::reset() {
         state_ = TableSnapshot{};
         state_.version = version;
         webNames_.clear();
+        storedEarly_.clear();
         return true;
     });
 }

@@ -51,8 +51,10 @@ class TableModel final {
     void cardsOpened();
     // The card of a name on the current item: one per name, the latest wins.
     void cardElected(const std::string& name, const std::string& card);
-    // The deal stored for this title: the newest item with that (trimmed) title and no row id
-    // yet gets it.
+    // The deal stored for this title: the oldest item with that (trimmed) title and no row id
+    // yet gets it (deals are stored in the order they were put up). The database may be
+    // quicker than the notification: a deal stored before its item arrived waits for the
+    // next item of that title.
     void dealStored(const std::string& title, std::int64_t dealId);
 
     // Annotations from the web table and the app.
@@ -109,9 +111,11 @@ class TableModel final {
     TableSnapshot state_;  // guarded by mutex_
     // Web annotations by name (sameName), also for seats whose join hasn't arrived yet.
     std::vector<std::pair<std::string, bool>> webNames_;  // guarded by mutex_
-    EstimateSink sink_;                                   // guarded by mutex_
-    std::map<int, std::shared_ptr<Listener>> listeners_;  // guarded by mutex_
-    int nextListener_ = 1;                                // guarded by mutex_
+    // Deals stored before their item arrived: trimmed title and row id, oldest first.
+    std::vector<std::pair<std::string, std::int64_t>> storedEarly_;  // guarded by mutex_
+    EstimateSink sink_;                                              // guarded by mutex_
+    std::map<int, std::shared_ptr<Listener>> listeners_;             // guarded by mutex_
+    int nextListener_ = 1;                                           // guarded by mutex_
 };
 
 }  // namespace pointlane
