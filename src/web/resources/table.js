@@ -107,6 +107,7 @@ function received(message) {
     case 'ended':
       state.endedText = message.text;
       state.seatedGame = null;
+      state.me = {seat: 'none'};  // the seat is gone, whatever the last table said
       focusSoon('ended-heading');
       if (state.table) render(state.table);
       break;
@@ -191,6 +192,7 @@ function renderEnded() {
   if (!state.online) {
     $('next-state').textContent = 'The server is not answering; this page keeps trying.';
     button.textContent = 'Start the next game';
+    button.disabled = true;
   } else if (table.phase === 'open') {
     $('next-state').textContent = `${table.game} is open.`;
     button.textContent = `Join ${table.game}`;
