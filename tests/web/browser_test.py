@@ -431,7 +431,9 @@ def main():
             try:
                 for name in ("ann", "bob", "cid"):
                     drivers.append(start_browser(os.path.join(home, name)))
-                drivers.append(start_browser(os.path.join(home, "dan"), "390,844"))
+                drivers.append(start_browser(os.path.join(home, "dan"), "500,900"))
+                drivers[-1].execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+                    "width": 390, "height": 844, "deviceScaleFactor": 2, "mobile": True})
             except Exception as error:  # noqa: BLE001 - any failure to start is a skip
                 print("SKIP: Chromium can't start: %s" % str(error).splitlines()[0])
                 return SKIP
@@ -507,6 +509,7 @@ def main():
             for page in (ann, bob, cid):
                 page.wait_text("#estimate-shown", "Final estimate: 8")
             if shots:
+                ann.js("window.scrollTo(0, 0)")
                 ann.d.save_screenshot(os.path.join(shots, "web-table.png"))
             check_contrast(ann, "#next", "table page")
 
@@ -609,6 +612,7 @@ def main():
                 eve.dark(True)
                 eve.d.save_screenshot(os.path.join(shots, "web-watch-dark.png"))
                 ann.dark(True)
+                ann.js("window.scrollTo(0, 0)")
                 ann.d.save_screenshot(os.path.join(shots, "web-table-dark.png"))
                 ann.dark(False)
                 eve.dark(False)

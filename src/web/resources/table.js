@@ -297,6 +297,9 @@ function renderDeck(table, me) {
   const shown = table.deck.cards.join('\u0000');
   if (state.deckShown !== shown) {
     state.deckShown = shown;
+    // On a phone the cards fill as few rows as they can, each row as full as the others.
+    const count = table.deck.cards.length;
+    deck.style.setProperty('--columns', String(Math.ceil(count / Math.ceil(count / 7))));
     deck.replaceChildren(...table.deck.cards.map((card, index) => {
       const button = element('button', 'card');
       button.type = 'button';
