@@ -70,7 +70,12 @@ class Page {
   public:
     explicit Page(int port) {
         QObject::connect(&socket_, &QWebSocket::textMessageReceived, [this](const QString& text) {
-            last = json::parse(text.toStdString(), nullptr, false);
+            json message = json::parse(text.toStdString(), nullptr, false);
+            // A page's own part alone ("me") leaves the table it has as it was.
+            if (message.is_discarded() || message.value("type", "") == "me") {
+                return;
+            }
+            last = std::move(message);
             if (waiting_ && waiting_(last)) {
                 waiting_ = nullptr;
                 loop_.quit();

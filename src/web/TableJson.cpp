@@ -75,7 +75,14 @@ nlohmann::json TableJson::of(const TableSnapshot& table) {
     const std::size_t skipped =
         table.items.size() > kItemsSent ? table.items.size() - kItemsSent : 0;
     for (std::size_t i = skipped; i < table.items.size(); ++i) {
-        items.push_back(item(table.items[i], table.deck));
+        // An earlier item is a line in a list: its cards stay with the history.
+        const TableItem& earlier = table.items[i];
+        items.push_back({{"number", earlier.number},
+                         {"title", earlier.title},
+                         {"opened", earlier.opened},
+                         {"count", earlier.cards.size()},
+                         {"consensus", earlier.opened && earlier.statistics.consensus},
+                         {"estimate", optionalText(earlier.estimate)}});
     }
     const std::size_t taken = std::min(table.seats.size(), TableModel::kSeats);
     return {{"version", table.version},

@@ -8,8 +8,9 @@ namespace pointlane {
 
 // The table as every page is sent it: the snapshot's seats, items, deck, settings and
 // countdown, with each opened item's cards and statistics as the rules computed them (the
-// page only renders them). Cards of an item are sent only once the item is opened, and only
-// the newest kItemsSent earlier items go along (the history page has them all).
+// page only renders them). Cards of an item are sent only once the item is opened; of the
+// earlier items only the newest kItemsSent go along, each as one line (title, card count,
+// consensus, estimate): the history page has the rest.
 // Plain functions of their arguments; safe on any thread.
 class TableJson final {
   public:

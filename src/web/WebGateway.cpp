@@ -332,7 +332,7 @@ void WebGateway::nextJoin() {
         callbacks.loggedIn = [this, session](const std::optional<std::string>& problem) {
             loggedIn(session, problem);
         };
-        callbacks.changed = [this, session] { sendTable(socketOf(session->seat())); };
+        callbacks.changed = [this, session] { sendMe(socketOf(session->seat())); };
         callbacks.error = [this, session](const std::string& text) {
             if (QWebSocket* socket = socketOf(session->seat())) {
                 sendError(socket, text);
@@ -554,30 +554,38 @@ void WebGateway::tableChanged() {
     }
 }
 
+nlohmann::json WebGateway::me(QWebSocket* socket) {
+    const Page& page = pages_[socket];
+    if (page.watcher) {
+        return {{"seat", "watch"}};
+    }
+    if (const WebSession* session = sessionOf(socket)) {
+        return {{"seat", session->isSeated() ? "seated" : "joining"},
+                {"name", session->name()},
+                {"facilitator", session->isFacilitator()},
+                {"controls", canRun(*session, snapshot_)},
+                {"pick", session->pick() ? nlohmann::json(*session->pick()) : nlohmann::json()},
+                {"played", session->hasPlayed()}};
+    }
+    const bool queued = std::any_of(joins_.begin(), joins_.end(),
+                                    [&](const Join& join) { return join.socket == socket; });
+    return {{"seat", queued ? "joining" : "none"}};
+}
+
 void WebGateway::sendTable(QWebSocket* socket) {
     if (socket == nullptr || pages_.count(socket) == 0) {
         return;
     }
-    const Page& page = pages_[socket];
-    nlohmann::json me;
-    if (page.watcher) {
-        me = {{"seat", "watch"}};
-    } else if (const WebSession* held = sessionOf(socket)) {
-        const WebSession& session = *held;
-        me = {{"seat", session.isSeated() ? "seated" : "joining"},
-              {"name", session.name()},
-              {"facilitator", session.isFacilitator()},
-              {"controls", canRun(session, snapshot_)},
-              {"pick", session.pick() ? nlohmann::json(*session.pick()) : nlohmann::json()},
-              {"played", session.hasPlayed()}};
-    } else {
-        const bool queued = std::any_of(joins_.begin(), joins_.end(),
-                                        [&](const Join& join) { return join.socket == socket; });
-        me = {{"seat", queued ? "joining" : "none"}};
-    }
+    // The table's text is made once per change; only the page's own part is made per page.
     send(socket, R"({"type":"table","nowMs":)" +
-                     std::to_string(QDateTime::currentMSecsSinceEpoch()) + R"(,"me":)" + dump(me) +
-                     R"(,"table":)" + tableText_ + "}");
+                     std::to_string(QDateTime::currentMSecsSinceEpoch()) + R"(,"me":)" +
+                     dump(me(socket)) + R"(,"table":)" + tableText_ + "}");
+}
+
+void WebGateway::sendMe(QWebSocket* socket) {
+    if (socket != nullptr && pages_.count(socket) != 0) {
+        send(socket, dump({{"type", "me"}, {"me", me(socket)}}));
+    }
 }
 
 void WebGateway::sendWelcome(QWebSocket* socket) {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -104,6 +105,10 @@ class WebGateway final : public QObject {
     // The table changed: redraw every page (on this thread), open the cards when it is time.
     void tableChanged();
     void sendTable(QWebSocket* socket);
+    // Only the page's own part (its pick changed, say): the table it has is still right.
+    void sendMe(QWebSocket* socket);
+    // The page's own part of a table: its seat, pick and whether it runs the table.
+    nlohmann::json me(QWebSocket* socket);
     // The decks a game may start with and the join link: sent once to each page.
     void sendWelcome(QWebSocket* socket);
     void openWhenDue(const TableSnapshot& table);

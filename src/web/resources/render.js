@@ -133,8 +133,8 @@ export function renderItems(list, items) {
     const entry = element('li', 'earlier-item');
     entry.dataset.number = item.number;
     entry.append(element('span', 'earlier-title', item.title));
-    let summary = item.opened ? plural(item.cards.length, 'card', 'cards') : 'not opened';
-    if (item.opened && item.statistics.consensus) summary += ', consensus';
+    let summary = item.opened ? plural(item.count, 'card', 'cards') : 'not opened';
+    if (item.consensus) summary += ', consensus';
     entry.append(element('span', 'earlier-summary', summary));
     if (item.estimate !== null) {
       entry.append(element('span', 'estimate-chip', cardFace(item.estimate)));

@@ -104,6 +104,14 @@ function received(message) {
       render(before);
       break;
     }
+    case 'me':
+      state.me = message.me;
+      if (state.table) render(state.table);
+      break;
+    case 'me':
+      state.me = message.me;
+      if (state.table) render(state.table);
+      break;
     case 'ended':
       state.endedText = message.text;
       state.seatedGame = null;
