@@ -261,7 +261,7 @@ int main(int argc, char** argv) {
         kFlooders, pingFlood.megabytesSent, pingFlood.peakMb, pingFlood.dropped, kFlooders);
     std::printf(
         "  endless bodies, %d requests (half Content-Length, half chunked), %.0f MB "
-        "sent: peak %6.1f MB, %d of %d cut\n",
+        "written by the clients: peak %6.1f MB, %d of %d cut\n",
         2 * kFlooders, bodyFlood.megabytesSent, bodyFlood.peakMb, bodyFlood.dropped, 2 * kFlooders);
     std::printf("a page from 127.0.0.2 until its first message (median of 5):\n");
     std::printf("  no idle pages (baseline):                 %8.2f ms\n", bareMs);

@@ -45,7 +45,12 @@ SeatConnection::SeatConnection(int gamePort, QObject* parent)
             socket->deleteLater();
         }
     });
-    connect(&latePush_, &QTimer::timeout, this, [this] { pushWanted_ = false; });
+    connect(&latePush_, &QTimer::timeout, this, [this] {
+        // Logged in, but the server's connection back never came (or wasn't believed): the
+        // seat hears nothing, and says so as for a push connection that ended.
+        pushWanted_ = false;
+        reportPushClosed();
+    });
     connect(&listener_, &QTcpServer::newConnection, this, [this] { pushArrived(); });
 }
 
@@ -125,7 +130,10 @@ void SeatConnection::sendNext() {
     if (!game_) {
         game_ = new QTcpSocket(this);
         gameReader_ = FrameReader{};
-        connect(game_, &QTcpSocket::connected, this, [this] { sendHead(); });
+        connect(game_, &QTcpSocket::connected, this, [this] {
+            game_->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+            sendHead();
+        });
         connect(game_, &QTcpSocket::readyRead, this, [this] { gameReadable(); });
         connect(game_, &QTcpSocket::disconnected, this, [this] { gameLost(); });
         connect(game_, &QTcpSocket::errorOccurred, this, [this] { gameLost(); });
@@ -141,7 +149,6 @@ void SeatConnection::sendHead() {
     if (!headStarted_ || headSent_ || !game_) {
         return;
     }
-    game_->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     const Pending& head = queue_.front();
     Request request;
     request.request = head.code;
@@ -356,6 +363,10 @@ void SeatConnection::dropPush() {
     pushBeforeAnswer_ = false;
     held_.clear();
     discard(socket, this);
+    reportPushClosed();
+}
+
+void SeatConnection::reportPushClosed() {
     QMetaObject::invokeMethod(
         this,
         [this] {

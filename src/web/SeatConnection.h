@@ -70,8 +70,9 @@ class SeatConnection final : public QObject {
         onNotification_ = std::move(handler);
     }
     // Called once for each push connection that ends, after its last notification: the server
-    // closed it (the seat logged out, the game ended) or it was dropped here. Queued, never
-    // called from inside one of the request calls above.
+    // closed it (the seat logged out, the game ended) or it was dropped here; and once when a
+    // login was answered OK but no push connection from the server came. Queued, never called
+    // from inside one of the request calls above.
     void setOnPushClosed(std::function<void()> handler) { onPushClosed_ = std::move(handler); }
 
     // Tests: how long an answer may take, and how long an idle game connection stays open.
@@ -108,6 +109,7 @@ class SeatConnection final : public QObject {
     bool pushed(const Request& notification);
     // Closes the push connection at once and reports it.
     void dropPush();
+    void reportPushClosed();
 
     int gamePort_;
     std::chrono::milliseconds answerTimeout_ = kAnswerTimeout;

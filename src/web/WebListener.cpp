@@ -52,7 +52,6 @@ void WebListener::acceptWaiting() {
             // Trying again at once would fail again: the waiting connections stay in the
             // backlog until descriptors come back.
             waiting_->setEnabled(false);
-            ++acceptPauses_;
             QTimer::singleShot(limits_.acceptPauseMs, this, [this] { waiting_->setEnabled(true); });
         }
         return;

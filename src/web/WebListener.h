@@ -60,8 +60,6 @@ class WebListener final : public QTcpServer {
     void becamePage(QTcpSocket* socket);
 
     std::size_t connectionCount() const { return connections_.size(); }
-    // How often accepting was paused for lack of descriptors.
-    int acceptPauses() const { return acceptPauses_; }
     // The client address as counted: IPv4 addresses in their IPv4 form, however they arrived.
     static QString addressOf(const QTcpSocket& socket);
 
@@ -95,7 +93,6 @@ class WebListener final : public QTcpServer {
     std::map<QTcpSocket*, Connection> connections_;
     std::map<QString, int> connectionsOf_;  // per client address
     std::map<QString, int> pagesOf_;        // per client address
-    int acceptPauses_ = 0;
 };
 
 }  // namespace pointlane
