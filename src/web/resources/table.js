@@ -195,6 +195,8 @@ function renderLobby() {
 
 function renderEnded() {
   const {table} = state;
+  $('ended-heading').textContent = table.phase !== 'open' ? 'The game has ended'
+    : state.endedText === 'You left the table.' ? 'You left the table' : 'You are no longer at the table';
   $('ended-text').textContent = state.endedText;
   const button = $('next-game');
   if (!state.online) {
