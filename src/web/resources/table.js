@@ -151,7 +151,8 @@ function render(before) {
       // while this page was away.
       state.endedText = table.phase === 'open' && table.game === state.seatedGame
         ? 'Your seat was given up while this page was away. Join again to play on.'
-        : 'The game has ended.';
+        : table.phase === 'closed' ? 'The server started again, so the game it held is over.'
+          : 'The game has ended.';
       state.seatedGame = null;
       focusSoon('ended-heading');
     }
