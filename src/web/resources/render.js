@@ -211,7 +211,11 @@ export function announce(region, texts) {
   region.textContent = texts.join(' ');
 }
 
-// The join link and its QR code (the image is made by the server).
+// The link beside the join code: the address this page was reached by, as the code holds it,
+// unless that is this machine's own (loopback) address, which a phone can't reach: then the
+// server's link.
 export function joinLink(link) {
-  return link || `${location.origin}/`;
+  const host = location.hostname;
+  const loopback = host === 'localhost' || host === '[::1]' || host.startsWith('127.');
+  return loopback && link ? link : `${location.origin}/`;
 }

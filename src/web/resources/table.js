@@ -108,10 +108,6 @@ function received(message) {
       state.me = message.me;
       if (state.table) render(state.table);
       break;
-    case 'me':
-      state.me = message.me;
-      if (state.table) render(state.table);
-      break;
     case 'ended':
       state.endedText = message.text;
       state.seatedGame = null;
