@@ -207,6 +207,26 @@ TEST_F(WebFixture, WatchersSeeTheTableAndTakeNoSeat) {
     EXPECT_EQ(ann.lastTable()["table"]["free"], 4);
 }
 
+TEST_F(WebFixture, UnderANativeFacilitatorTheWebSeatsRunTheTableAndOpenTheCards) {
+    TestPlayer nat = connectPlayer(*server);
+    ASSERT_EQ(nat.client->loginAdmin("Nat", "Native", nat.clientServer->port())->code, 0);
+    Page& bob = seated("Bob");
+    EXPECT_TRUE(bob.lastTable()["me"]["controls"]);
+    EXPECT_FALSE(seatNamed(bob.lastTable(), "Nat")["web"]);
+    bob.send({{"type", "deal"}, {"title", "Item"}});
+    bob.waitForTable([](const json& m) { return currentOf(m)["title"] == "Item"; });
+    bob.send({{"type", "play"}, {"card", "5"}});
+    ASSERT_EQ(nat.client->play()->code, 0);
+    // Everyone has played: the cards open through the web seat, as an ordinary open.
+    EXPECT_TRUE(spinUntil([&] {
+        const auto got = nat.clientServer->notifications();
+        return std::any_of(got.begin(), got.end(),
+                           [](const Request& r) { return r.request == RequestCode::openCards; });
+    }));
+    bob.waitForTable(
+        [](const json& m) { return currentOf(m).value("cards", json::array()).size() == 1; });
+}
+
 TEST_F(WebFixture, AgendaQuickRoundsAndTheCountdownOpenTheCards) {
     Page& ann = seated("Ann", "Sprint");
     ann.send({{"type", "agenda"}, {"text", "id;name\n1;x\n"}, {"format", "csv"}});
