@@ -61,6 +61,12 @@ nlohmann::json TableJson::item(const TableItem& item, const Deck& deck) {
     return out;
 }
 
+std::string TableJson::quickRoundTitle(const TableSnapshot& table) {
+    const int number =
+        table.current ? table.current->number + 1 : static_cast<int>(table.items.size()) + 1;
+    return "Item " + std::to_string(number);
+}
+
 nlohmann::json TableJson::of(const TableSnapshot& table) {
     nlohmann::json seats = nlohmann::json::array();
     for (const auto& seat : table.seats) {
@@ -101,6 +107,7 @@ nlohmann::json TableJson::of(const TableSnapshot& table) {
             {"items", std::move(items)},
             {"itemsLeftOut", skipped},
             {"agenda", table.agenda},
+            {"quickRound", quickRoundTitle(table)},
             {"settings",
              {{"autoReveal", table.settings.autoReveal},
               {"everyoneControls", table.settings.everyoneControls}}},

@@ -18,6 +18,8 @@ class TableJson final {
 
     static nlohmann::json of(const TableSnapshot& table);
     static nlohmann::json item(const TableItem& item, const Deck& deck);
+    // The title of a quick round, put up without typing: "Item N", N the next item's number.
+    static std::string quickRoundTitle(const TableSnapshot& table);
 };
 
 }  // namespace pointlane

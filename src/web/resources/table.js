@@ -219,10 +219,6 @@ function facilitatorIsWeb(table) {
   return table.seats.some((seat) => seat.facilitator && seat.web);
 }
 
-function nextNumber(table) {
-  return (table.current ? table.current.number : table.items.length) + 1;
-}
-
 function renderTable(before) {
   const {me, table} = state;
   const current = table.current;
@@ -283,7 +279,7 @@ function renderControls(table, me) {
   const current = table.current;
   const opened = Boolean(current && current.opened);
   const nextTitle = table.agenda.length > 0 ? table.agenda[0] : null;
-  $('next').textContent = nextTitle !== null ? `Next: ${nextTitle}` : `Quick round (Item ${nextNumber(table)})`;
+  $('next').textContent = nextTitle !== null ? `Next: ${nextTitle}` : `Quick round (${table.quickRound})`;
   $('open').disabled = !current || opened;
   $('revote').disabled = !current;
   $('countdown-stop').hidden = !table.countdownEndsAtMs;
