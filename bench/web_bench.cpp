@@ -76,7 +76,12 @@ class Page {
   public:
     explicit Page(int port) {
         QObject::connect(&socket_, &QWebSocket::textMessageReceived, [this](const QString& text) {
-            last = json::parse(text.toStdString(), nullptr, false);
+            json message = json::parse(text.toStdString(), nullptr, false);
+            // A page's own part alone ("me") leaves the table it has as it was.
+            if (message.is_discarded() || message.value("type", "") == "me") {
+                return;
+            }
+            last = std::move(message);
             if (waiting_ && waiting_(last)) {
                 waiting_ = nullptr;
                 loop_.quit();
@@ -155,23 +160,27 @@ std::optional<std::vector<double>> webRounds(int rounds) {
         pages.push_back(std::make_unique<Page>(*port));
         Page& page = *pages.back();
         const std::string name = "player" + std::to_string(i);
-        page.send({{"type", "hello"}, {"tab", "bench-tab-000000000" + std::to_string(i)}});
-        if (!page.waitFor([](const json& m) { return m.value("type", "") == "lobby"; })) {
+        page.send({{"type", "hello"}, {"seat", "bench-seat-00000000" + std::to_string(i)}});
+        if (!page.waitFor([](const json& m) { return m.value("type", "") == "table"; })) {
             return failed("web", 3);
         }
         if (i == 0) {
-            page.send({{"type", "start"}, {"name", name}, {"game", "Bench"}});
+            page.send({{"type", "start"}, {"name", name}, {"game", "Bench"}, {"deck", "standard"}});
         } else {
             page.send({{"type", "join"}, {"name", name}});
         }
-        if (!page.waitFor([](const json& m) { return m.value("type", "") == "table"; })) {
+        if (!page.waitFor([](const json& m) {
+                return m.value("type", "") == "table" && m["me"].value("seat", "") == "seated";
+            })) {
             return failed("web", 4);
         }
     }
     Page& first = *pages.front();
     Page& fifth = *pages.back();
-    if (!fifth.waitFor(
-            [](const json& m) { return m.value("players", json::array()).size() == kPlayers; })) {
+    if (!fifth.waitFor([](const json& m) {
+            return m.value("type", "") == "table" &&
+                   m["table"].value("seats", json::array()).size() == kPlayers;
+        })) {
         return failed("web", 5);
     }
     std::vector<double> micros;
@@ -179,14 +188,21 @@ std::optional<std::vector<double>> webRounds(int rounds) {
         const std::string item = "item " + std::to_string(round);
         first.send({{"type", "deal"}, {"title", item}});
         // A player picks a card once the item is on the page: the first page's and the fifth's.
-        const auto shown = [&](const json& m) { return m.value("item", json()) == item; };
+        const auto title = [](const json& m) {
+            if (m.value("type", "") != "table") {
+                return std::string();
+            }
+            const json& current = m["table"]["current"];
+            return current.is_object() ? current.value("title", "") : std::string();
+        };
+        const auto shown = [&](const json& m) { return title(m) == item; };
         if (!first.waitFor(shown) || !fifth.waitFor(shown)) {
             return failed("web", 6);
         }
         const auto started = Clock::now();
         first.send({{"type", "play"}, {"card", "5"}});
         if (!fifth.waitFor([&](const json& m) {
-                return m.value("item", json()) == item && m.value("played", 0) == 1;
+                return title(m) == item && m["table"].value("played", 0) == 1;
             })) {
             return failed("web", 7);
         }

@@ -24,6 +24,8 @@
 #include "InProcessServer.h"
 #include "SeatConnection.h"
 #include "WebServer.h"
+#include "game/GameEvents.h"
+#include "table/TableModel.h"
 
 namespace {
 
@@ -73,11 +75,13 @@ class Page {
             const json message = json::parse(text.toStdString(), nullptr, false);
             if (message.is_object()) {
                 types.push_back(message.value("type", ""));
+                seated = seated ||
+                         (types.back() == "table" && message["me"].value("seat", "") == "seated");
             }
         });
         QObject::connect(&socket_, &QWebSocket::connected, [this, number] {
             send({{"type", "hello"},
-                  {"tab", "bench-tab-" + std::to_string(number) + "-0123456789"}});
+                  {"seat", "bench-seat-" + std::to_string(number) + "-0123456789"}});
         });
         socket_.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/socket").arg(port)));
     }
@@ -94,6 +98,7 @@ class Page {
     }
 
     std::vector<std::string> types;
+    bool seated = false;
 
   private:
     QWebSocket socket_;
@@ -115,10 +120,19 @@ bool currentWebTable() {
     if (!server) {
         return failed("the game server did not start");
     }
+    // The table the pages are drawn from, fed by the game's events as the application feeds it.
+    static TableModel table;
+    GameEvents events;
+    events.gameOpened = [](const std::string& f, const std::string& g) { table.gameOpened(f, g); };
+    events.playerJoined = [](const std::string& name) { table.playerJoined(name); };
+    events.playerLeft = [](const std::string& name) { table.playerLeft(name); };
+    GameEvents::install(std::move(events));
     WebServer::Options options;
     options.address = QHostAddress::LocalHost;
     options.port = 0;
     options.gateway.gamePort = server->port();
+    options.table = &table;
+    options.limits.pagesPerAddress = kPages;  // every page comes from 127.0.0.1
     auto web = std::make_unique<WebServer>(options);
     const int port = web->start();
     if (port <= 0) {
@@ -144,8 +158,9 @@ bool currentWebTable() {
     std::snprintf(label, sizeof(label), "%d pages open (%d answered)", kPages, greeted);
     printLine(label, settledCount(), idle);
 
-    pages[0]->send({{"type", "start"}, {"name", "Seat 0"}, {"game", "Threads"}});
-    spinUntil([&] { return pages[0]->got("table"); });
+    pages[0]->send(
+        {{"type", "start"}, {"name", "Seat 0"}, {"game", "Threads"}, {"deck", "standard"}});
+    spinUntil([&] { return pages[0]->seated; });
     for (int i = 1; i < kSeats; ++i) {
         pages[i]->send({{"type", "join"}, {"name", "Seat " + std::to_string(i)}});
     }
@@ -153,7 +168,7 @@ bool currentWebTable() {
     spinUntil([&] {
         seated = 0;
         for (int i = 0; i < kSeats; ++i) {
-            seated += pages[i]->got("table") ? 1 : 0;
+            seated += pages[i]->seated ? 1 : 0;
         }
         return seated == kSeats;
     });

@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
     options.monitor = commandLine.monitor;
     options.web = commandLine.web;
     options.webPort = commandLine.webPort;
+    options.webGraceMs = commandLine.webGraceMs;
 
     std::unique_ptr<QCoreApplication> application;
     if (options.headless) {

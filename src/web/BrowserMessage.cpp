@@ -1,67 +1,90 @@
 #include "BrowserMessage.h"
 
 #include <algorithm>
+#include <map>
 #include <nlohmann/json.hpp>
+
+#include "rules/TextRules.h"
 
 namespace pointlane {
 
 namespace {
 
+// The longest card text a page may send; the deck decides what it may be.
+constexpr std::size_t kMaxCardBytes = 64;
+// More cards than a deck may hold are refused by the deck; this keeps a page from sending
+// thousands of them.
+constexpr std::size_t kMaxSentCards = 64;
+constexpr int kMaxCountdownSeconds = 3600;
+
 BrowserMessageResult failure(std::string text) {
     return {std::nullopt, std::move(text)};
 }
 
-// Code points of valid UTF-8 text (nlohmann has already rejected invalid text).
-std::size_t characterCount(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    }));
-}
-
-std::string trimmed(const std::string& text) {
-    const auto isSpace = [](unsigned char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
-    auto begin = text.begin();
-    auto end = text.end();
-    while (begin != end && isSpace(static_cast<unsigned char>(*begin))) {
-        ++begin;
-    }
-    while (end != begin && isSpace(static_cast<unsigned char>(*(end - 1)))) {
-        --end;
-    }
-    return std::string(begin, end);
-}
-
-bool hasControlCharacters(const std::string& text) {
-    return std::any_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
-}
-
-// Reads a required text field; what is wrong with it, or nothing.
-std::optional<std::string> readText(const nlohmann::json& object, const char* key,
-                                    const std::string& label, std::string& out) {
+// Reads a required name-like text field and checks it with the text rules; what is wrong
+// with it, or nothing.
+std::optional<std::string> readName(const nlohmann::json& object, const char* key,
+                                    std::string_view label, std::string& out) {
     const auto found = object.find(key);
     if (found == object.end() || !found->is_string()) {
-        return "The " + label + " is missing.";
+        return "The " + std::string(label) + " is missing.";
     }
-    out = trimmed(found->get<std::string>());
-    if (out.empty()) {
-        return "Please enter a " + label + ".";
+    out = found->get<std::string>();
+    return checkName(out, label);
+}
+
+std::optional<std::string> readString(const nlohmann::json& object, const char* key,
+                                      std::size_t maxBytes, std::string& out) {
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_string()) {
+        return std::string("The page's message is incomplete.");
     }
-    if (characterCount(out) > BrowserMessage::kMaxTextLength) {
-        return "The " + label + " is too long: at most " +
-               std::to_string(BrowserMessage::kMaxTextLength) + " characters.";
-    }
-    if (hasControlCharacters(out)) {
-        return "The " + label + " can't contain control characters.";
+    out = found->get<std::string>();
+    if (out.size() > maxBytes) {
+        return std::string("The page's message is too long.");
     }
     return std::nullopt;
 }
 
-bool isTabId(const std::string& tab) {
-    return tab.size() >= 16 && tab.size() <= 64 && std::all_of(tab.begin(), tab.end(), [](char c) {
+bool readBool(const nlohmann::json& object, const char* key, bool& out) {
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_boolean()) {
+        return false;
+    }
+    out = found->get<bool>();
+    return true;
+}
+
+bool readInt(const nlohmann::json& object, const char* key, int low, int high, int& out) {
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_number_integer()) {
+        return false;
+    }
+    const auto value = found->get<std::int64_t>();
+    if (value < low || value > high) {
+        return false;
+    }
+    out = static_cast<int>(value);
+    return true;
+}
+
+bool isSeatKey(const std::string& seat) {
+    return seat.size() >= 16 && seat.size() <= 64 &&
+           std::all_of(seat.begin(), seat.end(), [](char c) {
                return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                       c == '-';
            });
+}
+
+const std::map<std::string, BrowserMessage::Type>& types() {
+    using Type = BrowserMessage::Type;
+    static const std::map<std::string, Type> all = {
+        {"hello", Type::hello},       {"watch", Type::watch},         {"ping", Type::ping},
+        {"start", Type::start},       {"join", Type::join},           {"deal", Type::deal},
+        {"next", Type::next},         {"revote", Type::revote},       {"play", Type::play},
+        {"open", Type::open},         {"estimate", Type::estimate},   {"agenda", Type::agenda},
+        {"settings", Type::settings}, {"countdown", Type::countdown}, {"leave", Type::leave}};
+    return all;
 }
 
 }  // namespace
@@ -75,42 +98,93 @@ BrowserMessageResult BrowserMessage::parse(std::string_view text) {
     if (type == object.end() || !type->is_string()) {
         return failure("The page sent a message without a type.");
     }
-    const std::string kind = type->get<std::string>();
-    BrowserMessage message;
-    std::optional<std::string> problem;
-    if (kind == "hello") {
-        message.type = Type::hello;
-        const auto tab = object.find("tab");
-        if (tab == object.end() || !tab->is_string() || !isTabId(tab->get<std::string>())) {
-            return failure("The page did not say which tab it is.");
-        }
-        message.tab = tab->get<std::string>();
-    } else if (kind == "start") {
-        message.type = Type::start;
-        problem = readText(object, "name", "name", message.name);
-        if (!problem) {
-            problem = readText(object, "game", "game name", message.game);
-        }
-    } else if (kind == "join") {
-        message.type = Type::join;
-        problem = readText(object, "name", "name", message.name);
-    } else if (kind == "deal") {
-        message.type = Type::deal;
-        problem = readText(object, "title", "title", message.title);
-    } else if (kind == "play") {
-        message.type = Type::play;
-        const auto card = object.find("card");
-        if (card == object.end() || !card->is_string() ||
-            std::find(kDeck.begin(), kDeck.end(), card->get<std::string>()) == kDeck.end()) {
-            return failure("That card is not in the deck.");
-        }
-        message.card = card->get<std::string>();
-    } else if (kind == "open") {
-        message.type = Type::open;
-    } else if (kind == "leave") {
-        message.type = Type::leave;
-    } else {
+    const auto kind = types().find(type->get<std::string>());
+    if (kind == types().end()) {
         return failure("The page sent a message of an unknown type.");
+    }
+    BrowserMessage message;
+    message.type = kind->second;
+    std::optional<std::string> problem;
+    switch (message.type) {
+        case Type::hello: {
+            const auto seat = object.find("seat");
+            if (seat == object.end() || !seat->is_string() ||
+                !isSeatKey(seat->get<std::string>())) {
+                return failure("The page did not say which seat it is.");
+            }
+            message.seat = seat->get<std::string>();
+            break;
+        }
+        case Type::start: {
+            problem = readName(object, "name", "name", message.name);
+            if (!problem) {
+                problem = readName(object, "game", "game name", message.game);
+            }
+            if (!problem) {
+                problem = readString(object, "deck", 32, message.deck);
+            }
+            if (!problem && message.deck == "custom") {
+                const auto cards = object.find("cards");
+                if (cards == object.end() || !cards->is_array() || cards->size() > kMaxSentCards) {
+                    return failure("The deck's cards are missing.");
+                }
+                for (const auto& card : *cards) {
+                    if (!card.is_string() || card.get<std::string>().size() > kMaxCardBytes) {
+                        return failure("The deck's cards are missing.");
+                    }
+                    message.cards.push_back(card.get<std::string>());
+                }
+            }
+            break;
+        }
+        case Type::join:
+            problem = readName(object, "name", "name", message.name);
+            break;
+        case Type::deal:
+            problem = readName(object, "title", "title", message.title);
+            break;
+        case Type::play:
+            problem = readString(object, "card", kMaxCardBytes, message.card);
+            break;
+        case Type::estimate:
+            problem = readString(object, "card", kMaxCardBytes, message.card);
+            if (!problem && !readInt(object, "item", 1, 1 << 30, message.item)) {
+                problem = "The page's message is incomplete.";
+            }
+            break;
+        case Type::agenda: {
+            problem = readString(object, "text", kMaxAgendaBytes, message.text);
+            std::string format;
+            if (!problem) {
+                problem = readString(object, "format", 8, format);
+            }
+            if (!problem && format != "lines" && format != "csv") {
+                problem = "The agenda's format is unknown.";
+            }
+            message.csv = format == "csv";
+            if (problem && problem->find("too long") != std::string::npos) {
+                problem = "The agenda is too long: at most 60 KB.";
+            }
+            break;
+        }
+        case Type::settings:
+            if (!readBool(object, "autoReveal", message.autoReveal) ||
+                !readBool(object, "everyoneControls", message.everyoneControls)) {
+                problem = "The page's message is incomplete.";
+            }
+            break;
+        case Type::countdown:
+            if (!readInt(object, "seconds", 0, kMaxCountdownSeconds, message.seconds)) {
+                problem = "A countdown lasts from 1 second to an hour.";
+            }
+            break;
+        case Type::watch:
+        case Type::ping:
+        case Type::next:
+        case Type::revote:
+        case Type::open:
+        case Type::leave:
+            break;
     }
     if (problem) {
         return failure(*problem);

@@ -1,12 +1,18 @@
 #include "WebGateway.h"
 
+#include <QDateTime>
 #include <QTimer>
 #include <QWebSocket>
 #include <algorithm>
+#include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "AgendaText.h"
 #include "BrowserMessage.h"
+#include "TableJson.h"
 #include "WebSession.h"
+#include "rules/TextRules.h"
+#include "table/TableModel.h"
 
 namespace pointlane {
 
@@ -16,14 +22,68 @@ std::string dump(const nlohmann::json& value) {
     return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+const char* const kNotYours = "Only the facilitator runs the table.";
+
 }  // namespace
 
+// Carries the model's change signals (on any thread) to the gateway's thread, at most one
+// redraw waiting at a time; the gateway cuts it off before it goes.
+struct WebGateway::Relay {
+    std::mutex mutex;
+    WebGateway* target = nullptr;  // guarded by mutex
+    bool pending = false;          // guarded by mutex
+
+    void changed(const std::shared_ptr<Relay>& self) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (target == nullptr || pending) {
+            return;
+        }
+        pending = true;
+        // Posted under the lock: the gateway can't be going while the call is queued, and once
+        // it is gone Qt drops the queued call with it.
+        QMetaObject::invokeMethod(
+            target,
+            [self] {
+                WebGateway* gateway = nullptr;
+                {
+                    std::lock_guard<std::mutex> relock(self->mutex);
+                    self->pending = false;
+                    gateway = self->target;
+                }
+                if (gateway) {
+                    gateway->tableChanged();
+                }
+            },
+            Qt::QueuedConnection);
+    }
+};
+
 WebGateway::WebGateway(Options options, QObject* parent)
-    : QObject(parent), options_(std::move(options)) {}
+    : QObject(parent), options_(std::move(options)), relay_(std::make_shared<Relay>()) {
+    if (options_.table == nullptr) {
+        ownTable_ = std::make_unique<TableModel>();
+        options_.table = ownTable_.get();
+    }
+    table_ = options_.table;
+    relay_->target = this;
+    subscription_ = table_->subscribe([relay = relay_] { relay->changed(relay); });
+    countdown_.setSingleShot(true);
+    connect(&countdown_, &QTimer::timeout, this, [this] { countdownEnded(); });
+    snapshot_ = table_->snapshot();
+    tableText_ = dump(TableJson::of(snapshot_));
+}
 
 WebGateway::~WebGateway() {
-    for (auto& [socket, link] : links_) {
+    table_->unsubscribe(subscription_);
+    {
+        std::lock_guard<std::mutex> lock(relay_->mutex);
+        relay_->target = nullptr;
+    }
+    for (auto& [socket, page] : pages_) {
         socket->disconnect(this);
+    }
+    for (auto& [seat, session] : seats_) {
+        session->setCallbacks({});
     }
 }
 
@@ -31,14 +91,23 @@ void WebGateway::accept(QWebSocket* socket) {
     socket->setParent(this);
     socket->setMaxAllowedIncomingFrameSize(kMaxFrameSize);
     socket->setMaxAllowedIncomingMessageSize(kMaxFrameSize);
-    Link link;
-    link.tokens = options_.burst;
-    link.refilled = std::chrono::steady_clock::now();
-    links_[socket] = link;
+    if (static_cast<int>(pages_.size()) >= options_.maxPages) {
+        socket->sendTextMessage(QStringLiteral(
+            R"({"type":"error","text":"Too many pages are open on the table; try again later."})"));
+        socket->close(QWebSocketProtocol::CloseCodePolicyViolated,
+                      QStringLiteral("Too many pages"));
+        socket->abort();
+        socket->deleteLater();
+        return;
+    }
+    Page page;
+    page.tokens = options_.burst;
+    page.refilled = std::chrono::steady_clock::now();
+    pages_[socket] = page;
     connect(socket, &QWebSocket::textMessageReceived, this,
             [this, socket](const QString& text) { received(socket, text); });
     connect(socket, &QWebSocket::binaryMessageReceived, this, [this, socket](const QByteArray&) {
-        if (links_.count(socket) != 0 && withinRate(links_[socket])) {
+        if (pages_.count(socket) != 0 && withinRate(pages_[socket])) {
             sendError(socket, "The page sent something that is not a message.");
         }
     });
@@ -47,34 +116,35 @@ void WebGateway::accept(QWebSocket* socket) {
 }
 
 void WebGateway::closeUnlessHelloWithin(QWebSocket* socket) {
-    // An open socket that never says which tab it is would hold a place for nothing.
+    // An open socket that never says which page it is would hold a place for nothing.
     QTimer::singleShot(options_.helloTimeoutMs, socket, [this, socket] {
-        auto found = links_.find(socket);
-        if (found != links_.end() && found->second.tab.empty() && !found->second.greeted) {
+        auto found = pages_.find(socket);
+        if (found != pages_.end() && !found->second.greeted) {
             drop(socket, QStringLiteral("No hello"));
         }
     });
 }
 
-bool WebGateway::withinRate(Link& link) {
+bool WebGateway::withinRate(Page& page) {
     const auto now = std::chrono::steady_clock::now();
-    const double seconds = std::chrono::duration<double>(now - link.refilled).count();
-    link.refilled = now;
-    link.tokens =
-        std::min<double>(options_.burst, link.tokens + seconds * options_.messagesPerSecond);
-    if (link.tokens < 1) {
+    const double seconds = std::chrono::duration<double>(now - page.refilled).count();
+    page.refilled = now;
+    page.tokens =
+        std::min<double>(options_.burst, page.tokens + seconds * options_.messagesPerSecond);
+    if (page.tokens < 1) {
         return false;
     }
-    link.tokens -= 1;
+    page.tokens -= 1;
     return true;
 }
 
 void WebGateway::received(QWebSocket* socket, const QString& text) {
-    auto found = links_.find(socket);
-    if (found == links_.end()) {
+    auto found = pages_.find(socket);
+    if (found == pages_.end()) {
         return;
     }
-    if (!withinRate(found->second)) {
+    Page& page = found->second;
+    if (!withinRate(page)) {
         sendError(socket, "This page sent too many messages and was disconnected.");
         drop(socket, QStringLiteral("Too many messages"));
         return;
@@ -87,126 +157,489 @@ void WebGateway::received(QWebSocket* socket, const QString& text) {
         return;
     }
     const BrowserMessage& message = *parsed.message;
-    if (message.type == BrowserMessage::Type::hello) {
-        hello(socket, message.tab);
+    using Type = BrowserMessage::Type;
+    if (message.type == Type::ping) {
+        send(socket, R"({"type":"pong"})");
         return;
     }
-    WebSession* session = sessionOf(socket);
-    if (!session) {
+    if (message.type == Type::watch) {
+        if (page.seat.empty() && !page.watcher) {
+            page.watcher = true;
+            page.greeted = true;
+            sendWelcome(socket);
+            sendTable(socket);
+        }
+        return;
+    }
+    if (page.watcher) {
+        sendError(socket, "This page only watches the table.");
+        return;
+    }
+    if (message.type == Type::hello) {
+        hello(socket, message.seat);
+        return;
+    }
+    if (page.seat.empty()) {
         sendError(socket, "This page is out of step with the table; please reload it.");
         return;
     }
-    switch (message.type) {
-        case BrowserMessage::Type::start:
-            session->login(true, message.name, message.game);
-            break;
-        case BrowserMessage::Type::join:
-            session->login(false, message.name, {});
-            break;
-        case BrowserMessage::Type::deal:
-            session->putUpItem(message.title);
-            break;
-        case BrowserMessage::Type::play:
-            session->play(message.card);
-            break;
-        case BrowserMessage::Type::open:
-            session->openCards();
-            break;
-        case BrowserMessage::Type::leave:
-            session->leave();
-            break;
-        case BrowserMessage::Type::hello:
-            break;
+    WebSession* session = sessionOf(socket);
+    if (message.type == Type::start || message.type == Type::join) {
+        if (session) {
+            sendError(socket, session->isSeated() ? "You are already at the table."
+                                                  : "Joining the table: please wait.");
+            return;
+        }
+        queueJoin(socket, message);
+        return;
     }
+    if (!session || !session->isSeated()) {
+        sendError(socket, session ? "Joining the table: please wait." : "Join the table first.");
+        return;
+    }
+    seatMessage(socket, *session, message);
 }
 
-void WebGateway::hello(QWebSocket* socket, const std::string& tab) {
-    Link& link = links_[socket];
-    link.greeted = true;
-    if (!link.tab.empty()) {
-        // Asked again (after a refused login): the page is sent what it should show now.
-        if (link.tab != tab) {
+void WebGateway::hello(QWebSocket* socket, const std::string& seat) {
+    Page& page = pages_[socket];
+    page.greeted = true;
+    if (!page.seat.empty()) {
+        // Asked again: the page is sent what it should show now.
+        if (page.seat != seat) {
             sendError(socket, "This page is out of step with the table; please reload it.");
-        } else if (WebSession* session = sessionOf(socket);
-                   session && session->phase() != WebSession::Phase::seated) {
-            sendLobby(socket);
+        } else {
+            sendTable(socket);
         }
         return;
     }
-    auto found = sessions_.find(tab);
-    WebSession* session = found != sessions_.end() ? found->second : nullptr;
-    if (!session) {
-        if (static_cast<int>(sessions_.size()) >= options_.maxSessions) {
-            sendError(socket, "Too many pages are open on the table; try again later.");
-            drop(socket, QStringLiteral("Too many pages"));
-            return;
+    page.seat = seat;
+    sendWelcome(socket);
+    if (auto found = seats_.find(seat); found != seats_.end()) {
+        hold(seat, socket);
+        WebSession* session = found->second;
+        session->pageBack();
+        if (session->isSeated()) {
+            table_->setWebSeat(session->name(), true);
         }
-        session = new WebSession(tab, options_.gamePort, this);
-        sessions_[tab] = session;
-        session->setOnFinished([this, tab, session] {
-            // Any later message of its page finds no session; the page was told why.
-            sessions_.erase(tab);
-            for (auto& [other, otherLink] : links_) {
-                if (otherLink.tab == tab) {
-                    otherLink.tab.clear();
-                }
-            }
-            session->setSink({});
-            session->deleteLater();
-        });
-    } else if (QWebSocket* previous = socketOf(tab)) {
-        // The same tab came back while its old page was still connected: the newest page wins.
-        links_[previous].tab.clear();
-        drop(previous, QStringLiteral("Opened again"));
     }
-    link.tab = tab;
-    session->setSink([this, socket](const std::string& text) { send(socket, text); });
-    session->resume();
-    if (session->phase() != WebSession::Phase::seated) {
-        sendLobby(socket);
+    sendTable(socket);
+}
+
+void WebGateway::hold(const std::string& seat, QWebSocket* socket) {
+    // The newest page of a seat wins; the browser's other pages are told and closed.
+    std::vector<QWebSocket*> others;
+    for (auto& [other, page] : pages_) {
+        if (other != socket && page.seat == seat) {
+            others.push_back(other);
+        }
+    }
+    holders_[seat] = socket;
+    for (QWebSocket* other : others) {
+        pages_[other].seat.clear();
+        send(other, R"({"type":"replaced"})");
+        drop(other, QStringLiteral("Opened again"));
     }
 }
 
-void WebGateway::sendLobby(QWebSocket* socket) {
-    std::optional<std::string> game;
-    bool open = false;
-    if (options_.currentGame) {
-        game = options_.currentGame();
-        open = game.has_value();
-    } else {
-        for (const auto& [tab, session] : sessions_) {
-            if (session->phase() == WebSession::Phase::seated) {
-                open = true;
-                game = session->gameName();
+void WebGateway::queueJoin(QWebSocket* socket, const BrowserMessage& message) {
+    const std::string& seat = pages_[socket].seat;
+    if (std::any_of(joins_.begin(), joins_.end(),
+                    [&](const Join& join) { return join.seat == seat; })) {
+        sendError(socket, "Joining the table: please wait.");
+        return;
+    }
+    Join join;
+    join.socket = socket;
+    join.seat = seat;
+    join.start = message.type == BrowserMessage::Type::start;
+    join.name = message.name;
+    join.game = message.game;
+    if (join.start) {
+        if (message.deck == "custom") {
+            auto custom = Deck::custom(message.cards);
+            if (auto* problem = std::get_if<std::string>(&custom)) {
+                sendError(socket, *problem);
+                return;
+            }
+            join.deck = std::get<Deck>(std::move(custom));
+        } else if (auto preset = Deck::preset(message.deck.empty() ? "standard" : message.deck)) {
+            join.deck = *preset;
+        } else {
+            sendError(socket, "That deck is unknown.");
+            return;
+        }
+    }
+    joins_.push_back(std::move(join));
+    nextJoin();
+}
+
+std::optional<std::string> WebGateway::refusal(const Join& join) const {
+    // Seats of this gateway whose login is answered but not yet on the table count as taken.
+    const TableSnapshot table = table_->snapshot();
+    std::size_t pending = 0;
+    for (const auto& [seat, session] : seats_) {
+        const bool seen = std::any_of(table.seats.begin(), table.seats.end(), [&](const auto& s) {
+            return sameName(s.name, session->name());
+        });
+        if (!seen && session->phase() != WebSession::Phase::ended) {
+            ++pending;
+            if (!join.start && sameName(session->name(), join.name)) {
+                return std::string("That name is taken.");
+            }
+            if (join.start && session->isFacilitator()) {
+                return std::string("A game has already been started: join it instead.");
             }
         }
     }
-    send(socket, dump({{"type", "lobby"},
-                       {"open", open},
-                       {"game", game ? nlohmann::json(*game) : nlohmann::json()}}));
+    const TableModel::JoinCheck check =
+        join.start ? table_->checkStart() : table_->checkJoin(join.name);
+    switch (check) {
+        case TableModel::JoinCheck::ok:
+            break;
+        case TableModel::JoinCheck::noGame:
+            return BrowserMessage::refusalText(AnswerMessage::adminNotLoggedIn);
+        case TableModel::JoinCheck::gameOpen:
+            return BrowserMessage::refusalText(AnswerMessage::adminAlreadyLoggenIn);
+        case TableModel::JoinCheck::nameTaken:
+            return BrowserMessage::refusalText(AnswerMessage::userNameAlreadyInUse);
+        case TableModel::JoinCheck::full:
+            return BrowserMessage::refusalText(AnswerMessage::limitExceeded);
+    }
+    if (!join.start && table.seats.size() + pending >= TableModel::kSeats) {
+        return BrowserMessage::refusalText(AnswerMessage::limitExceeded);
+    }
+    return std::nullopt;
+}
+
+void WebGateway::nextJoin() {
+    while (joining_ == nullptr && !joins_.empty()) {
+        Join join = std::move(joins_.front());
+        joins_.pop_front();
+        if (pages_.count(join.socket) == 0 || pages_[join.socket].seat != join.seat ||
+            seats_.count(join.seat) != 0) {
+            continue;  // the page went away, or its browser sat down meanwhile
+        }
+        if (auto problem = refusal(join)) {
+            sendError(join.socket, *problem);
+            sendTable(join.socket);
+            continue;
+        }
+        auto* session = new WebSession(join.seat, join.name, join.start, options_.gamePort, this);
+        seats_[join.seat] = session;
+        hold(join.seat, join.socket);
+        joining_ = session;
+        WebSession::Callbacks callbacks;
+        callbacks.loggedIn = [this, session](const std::optional<std::string>& problem) {
+            loggedIn(session, problem);
+        };
+        callbacks.changed = [this, session] { sendMe(socketOf(session->seat())); };
+        callbacks.error = [this, session](const std::string& text) {
+            if (QWebSocket* socket = socketOf(session->seat())) {
+                sendError(socket, text);
+            }
+        };
+        callbacks.finished = [this, session](const std::string& text) { finished(session, text); };
+        session->setCallbacks(std::move(callbacks));
+        if (join.start) {
+            table_->setDeck(join.deck);
+        }
+        table_->setWebSeat(join.name, true);
+        startDeck_ = join.start ? std::optional<Deck>(join.deck) : std::nullopt;
+        session->login(join.game);
+        sendTable(join.socket);
+    }
+}
+
+void WebGateway::loggedIn(WebSession* session, const std::optional<std::string>& problem) {
+    if (joining_ == session) {
+        joining_ = nullptr;
+    }
+    QWebSocket* socket = socketOf(session->seat());
+    if (problem) {
+        seats_.erase(session->seat());
+        holders_.erase(session->seat());
+        session->setCallbacks({});
+        session->deleteLater();
+        if (socket) {
+            sendError(socket, *problem);
+        }
+    } else {
+        if (session->isFacilitator() && startDeck_) {
+            table_->setDeck(*startDeck_);
+        }
+        table_->setWebSeat(session->name(), socket != nullptr);
+        if (!socket) {
+            session->pageGone(options_.graceMs);
+        }
+    }
+    startDeck_.reset();
+    if (socket) {
+        sendTable(socket);
+    }
+    nextJoin();
+}
+
+void WebGateway::finished(WebSession* session, const std::string& text) {
+    if (joining_ == session) {
+        joining_ = nullptr;
+    }
+    const std::string seat = session->seat();
+    QWebSocket* socket = socketOf(seat);
+    seats_.erase(seat);
+    holders_.erase(seat);
+    session->setCallbacks({});
+    session->deleteLater();
+    if (socket) {
+        if (!text.empty()) {
+            send(socket, dump({{"type", "ended"}, {"text", text}}));
+        }
+        sendTable(socket);
+    }
+    nextJoin();
+}
+
+bool WebGateway::facilitatorIsWeb(const TableSnapshot& table) {
+    return std::any_of(table.seats.begin(), table.seats.end(),
+                       [](const TableSeat& seat) { return seat.facilitator && seat.web; });
+}
+
+bool WebGateway::canRun(const WebSession& session, const TableSnapshot& table) const {
+    // A facilitator at a native client can't hand the web table its controls: every web seat
+    // has them then.
+    return session.isFacilitator() || table.settings.everyoneControls || !facilitatorIsWeb(table);
+}
+
+void WebGateway::seatMessage(QWebSocket* socket, WebSession& session,
+                             const BrowserMessage& message) {
+    using Type = BrowserMessage::Type;
+    const TableSnapshot table = table_->snapshot();
+    const bool runs = canRun(session, table);
+    const auto& current = table.current;
+    switch (message.type) {
+        case Type::play:
+            if (!current) {
+                sendError(socket, "There is no item to play on yet.");
+            } else if (current->opened) {
+                sendError(socket, "The cards are already open.");
+            } else if (!table.deck.contains(message.card)) {
+                sendError(socket, "That card is not in the deck.");
+            } else {
+                session.play(message.card);
+            }
+            return;
+        case Type::leave:
+            session.leave();
+            return;
+        case Type::settings:
+            if (!session.isFacilitator() && facilitatorIsWeb(table)) {
+                sendError(socket, "Only the facilitator changes the table's settings.");
+            } else {
+                table_->setSettings({message.autoReveal, message.everyoneControls});
+            }
+            return;
+        default:
+            break;
+    }
+    if (!runs) {
+        sendError(socket, kNotYours);
+        return;
+    }
+    switch (message.type) {
+        case Type::deal:
+            session.putUpItem(message.title);
+            break;
+        case Type::next: {
+            std::optional<std::string> title = table_->takeNextAgendaItem();
+            if (!title) {
+                // A quick round: nobody has to type a title.
+                const int number =
+                    current ? current->number + 1 : static_cast<int>(table.items.size()) + 1;
+                title = "Item " + std::to_string(number);
+            }
+            session.putUpItem(*title);
+            break;
+        }
+        case Type::revote:
+            if (!current) {
+                sendError(socket, "There is no item to vote on again.");
+            } else {
+                session.putUpItem(current->title);
+            }
+            break;
+        case Type::open:
+            if (!current) {
+                sendError(socket, "There is no item to open.");
+            } else if (current->opened) {
+                sendError(socket, "The cards are already open.");
+            } else {
+                openedItem_ = current->number;
+                session.openCards();
+            }
+            break;
+        case Type::estimate:
+            if (!table.deck.contains(message.card)) {
+                sendError(socket, "That card is not in the deck.");
+            } else if (!table_->recordEstimate(message.item, message.card)) {
+                sendError(socket, "That item's cards are not open.");
+            }
+            break;
+        case Type::agenda: {
+            auto titles = AgendaText::parse(message.text, message.csv);
+            if (auto* problem = std::get_if<std::string>(&titles)) {
+                sendError(socket, *problem);
+            } else {
+                table_->setAgenda(std::get<std::vector<std::string>>(std::move(titles)));
+            }
+            break;
+        }
+        case Type::countdown:
+            if (message.seconds == 0) {
+                table_->cancelCountdown();
+            } else if (!current || current->opened) {
+                sendError(socket,
+                          "Put up an item first: the countdown runs while cards are played.");
+            } else {
+                table_->startCountdown(message.seconds);
+            }
+            break;
+        default:
+            break;
+    }
 }
 
 void WebGateway::gone(QWebSocket* socket) {
-    auto found = links_.find(socket);
-    if (found == links_.end()) {
+    auto found = pages_.find(socket);
+    if (found == pages_.end()) {
         return;
     }
-    const std::string tab = found->second.tab;
-    links_.erase(found);
+    const std::string seat = found->second.seat;
+    pages_.erase(found);
     socket->deleteLater();
-    if (tab.empty()) {
+    if (seat.empty()) {
         return;
     }
-    auto session = sessions_.find(tab);
-    if (session != sessions_.end()) {
-        session->second->setSink({});
-        session->second->startGrace(
-            session->second->phase() == WebSession::Phase::lobby ? 0 : options_.graceMs);
+    auto holder = holders_.find(seat);
+    if (holder == holders_.end() || holder->second != socket) {
+        return;
+    }
+    holders_.erase(holder);
+    auto session = seats_.find(seat);
+    if (session != seats_.end()) {
+        session->second->pageGone(options_.graceMs);
+        if (session->second->isSeated()) {
+            table_->setWebSeat(session->second->name(), false);
+        }
+    }
+}
+
+void WebGateway::tableChanged() {
+    snapshot_ = table_->snapshot();
+    tableText_ = dump(TableJson::of(snapshot_));
+    // Sending may drop a page (and erase it): walk a copy.
+    std::vector<QWebSocket*> shown;
+    for (const auto& [socket, page] : pages_) {
+        if (!page.seat.empty() || page.watcher) {
+            shown.push_back(socket);
+        }
+    }
+    for (QWebSocket* socket : shown) {
+        sendTable(socket);
+    }
+    openWhenDue(snapshot_);
+    if (snapshot_.countdownEndsAtMs) {
+        const qint64 left = *snapshot_.countdownEndsAtMs - QDateTime::currentMSecsSinceEpoch();
+        countdown_.start(static_cast<int>(std::clamp<qint64>(left, 0, 24 * 3600 * 1000)));
+    } else {
+        countdown_.stop();
+    }
+}
+
+nlohmann::json WebGateway::me(QWebSocket* socket) {
+    const Page& page = pages_[socket];
+    if (page.watcher) {
+        return {{"seat", "watch"}};
+    }
+    if (const WebSession* session = sessionOf(socket)) {
+        return {{"seat", session->isSeated() ? "seated" : "joining"},
+                {"name", session->name()},
+                {"facilitator", session->isFacilitator()},
+                {"controls", canRun(*session, snapshot_)},
+                {"pick", session->pick() ? nlohmann::json(*session->pick()) : nlohmann::json()},
+                {"played", session->hasPlayed()}};
+    }
+    const bool queued = std::any_of(joins_.begin(), joins_.end(),
+                                    [&](const Join& join) { return join.socket == socket; });
+    return {{"seat", queued ? "joining" : "none"}};
+}
+
+void WebGateway::sendTable(QWebSocket* socket) {
+    if (socket == nullptr || pages_.count(socket) == 0) {
+        return;
+    }
+    // The table's text is made once per change; only the page's own part is made per page.
+    send(socket, R"({"type":"table","nowMs":)" +
+                     std::to_string(QDateTime::currentMSecsSinceEpoch()) + R"(,"me":)" +
+                     dump(me(socket)) + R"(,"table":)" + tableText_ + "}");
+}
+
+void WebGateway::sendMe(QWebSocket* socket) {
+    if (socket != nullptr && pages_.count(socket) != 0) {
+        send(socket, dump({{"type", "me"}, {"me", me(socket)}}));
+    }
+}
+
+void WebGateway::sendWelcome(QWebSocket* socket) {
+    nlohmann::json decks = nlohmann::json::array();
+    for (const Deck& deck : Deck::presets()) {
+        decks.push_back({{"id", deck.id}, {"name", deck.name}, {"cards", deck.cards}});
+    }
+    send(socket, dump({{"type", "welcome"},
+                       {"decks", std::move(decks)},
+                       {"link", options_.joinLink ? options_.joinLink() : std::string()}}));
+}
+
+void WebGateway::openWhenDue(const TableSnapshot& table) {
+    if (table.settings.autoReveal && !table.seats.empty() &&
+        std::all_of(table.seats.begin(), table.seats.end(),
+                    [](const TableSeat& seat) { return seat.played; })) {
+        openThroughSeat(table);
+    }
+}
+
+void WebGateway::openThroughSeat(const TableSnapshot& table) {
+    if (!table.current || table.current->opened || openedItem_ == table.current->number) {
+        return;
+    }
+    // The facilitator's own seat opens, so native clients see an ordinary open.
+    WebSession* through = nullptr;
+    for (auto& [seat, session] : seats_) {
+        if (session->isSeated() && (!through || session->isFacilitator())) {
+            through = session;
+        }
+    }
+    if (through) {
+        openedItem_ = table.current->number;
+        through->openCards();
+    }
+}
+
+void WebGateway::countdownEnded() {
+    const TableSnapshot table = table_->snapshot();
+    if (!table.countdownEndsAtMs) {
+        return;
+    }
+    if (*table.countdownEndsAtMs > QDateTime::currentMSecsSinceEpoch()) {
+        tableChanged();  // started again meanwhile
+        return;
+    }
+    table_->cancelCountdown();
+    if (table.settings.autoReveal) {
+        openThroughSeat(table);
     }
 }
 
 void WebGateway::send(QWebSocket* socket, const std::string& text) {
-    if (links_.count(socket) == 0) {
+    if (pages_.count(socket) == 0) {
         return;
     }
     socket->sendTextMessage(QString::fromStdString(text));
@@ -222,7 +655,7 @@ void WebGateway::sendError(QWebSocket* socket, const std::string& text) {
 }
 
 void WebGateway::drop(QWebSocket* socket, const QString& reason) {
-    if (links_.count(socket) == 0) {
+    if (pages_.count(socket) == 0) {
         return;
     }
     socket->close(QWebSocketProtocol::CloseCodePolicyViolated, reason);
@@ -232,21 +665,18 @@ void WebGateway::drop(QWebSocket* socket, const QString& reason) {
 }
 
 WebSession* WebGateway::sessionOf(QWebSocket* socket) {
-    auto link = links_.find(socket);
-    if (link == links_.end() || link->second.tab.empty()) {
+    auto page = pages_.find(socket);
+    if (page == pages_.end() || page->second.seat.empty() ||
+        socketOf(page->second.seat) != socket) {
         return nullptr;
     }
-    auto session = sessions_.find(link->second.tab);
-    return session != sessions_.end() ? session->second : nullptr;
+    auto session = seats_.find(page->second.seat);
+    return session != seats_.end() ? session->second : nullptr;
 }
 
-QWebSocket* WebGateway::socketOf(const std::string& tab) {
-    for (auto& [socket, link] : links_) {
-        if (link.tab == tab) {
-            return socket;
-        }
-    }
-    return nullptr;
+QWebSocket* WebGateway::socketOf(const std::string& seat) {
+    auto holder = holders_.find(seat);
+    return holder != holders_.end() ? holder->second : nullptr;
 }
 
 }  // namespace pointlane

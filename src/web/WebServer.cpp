@@ -118,8 +118,12 @@ void WebServer::reply(const QHttpServerRequest& request, QTcpSocket* socket, con
 WebServer::WebServer(Options options, QObject* parent)
     : QAbstractHttpServer(parent),
       options_(std::move(options)),
-      gateway_(new WebGateway(options_.gateway, this)),
+      gateway_(nullptr),
       history_(new HistoryBodies(options_.history, this)) {
+    if (options_.table) {
+        options_.gateway.table = options_.table;
+    }
+    gateway_ = new WebGateway(options_.gateway, this);
     initWebResources();
     options_.limits.sendLimit = options_.gateway.sendLimit;
     connect(this, &QAbstractHttpServer::newWebSocketConnection, this, [this] {
@@ -175,6 +179,9 @@ bool WebServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* soc
         // A fixed kernel buffer keeps what a page has not read visible to the gateway's send
         // limit, instead of growing with the system's buffer tuning.
         socket->setSocketOption(QAbstractSocket::SendBufferSizeSocketOption, kSendBufferSize);
+        // A table is one small message per change: send it at once, not after the page's
+        // acknowledgement of the one before.
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         return true;
     }
     if (request.method() != QHttpServerRequest::Method::Get &&
@@ -189,6 +196,8 @@ bool WebServer::handleRequest(const QHttpServerRequest& request, QTcpSocket* soc
         serveHistory(request, socket, false);
     } else if (path == QLatin1String("/history.csv")) {
         serveHistory(request, socket, true);
+    } else if (path == QLatin1String("/watch")) {
+        serveResource(request, socket, QStringLiteral("watch.html"));
     } else if (path == QLatin1String("/history")) {
         serveResource(request, socket, QStringLiteral("history.html"));
     } else if (path == QLatin1String("/join.svg")) {

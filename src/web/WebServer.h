@@ -21,6 +21,7 @@ class HistoryBodies;
 //
 //   GET /                      the table page
 //   GET /<file>                a file of the page (plain names only, nothing outside ":/web/")
+//   GET /watch                 the table for watchers (read-only, large type)
 //   GET /history               the history page, when the resources hold one
 //   GET /history.json[?game=N] the history as JSON; /history.csv the same as CSV (attachments).
 //                              Both carry an ETag; If-None-Match with the current one is

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "InProcessServer.h"
+#include "game/LoginCounter.h"
 #include "game/PlayerStore.h"
 #include "storage/SQLite.h"
 
@@ -18,6 +19,17 @@ using testkit::connectPlayer;
 using testkit::InProcessServer;
 using testkit::TestPlayer;
 
+// Runs body(0) .. body(n - 1) on n threads at once and waits for them all.
+void together(int n, const std::function<void(int)>& body) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i) {
+        threads.emplace_back(body, i);
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
 class GameConcurrencyTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -25,6 +37,11 @@ class GameConcurrencyTest : public ::testing::Test {
         ASSERT_TRUE(server);
     }
     void TearDown() override { server.reset(); }
+    TestPlayer admin() {
+        TestPlayer boss = connectPlayer(*server);
+        EXPECT_EQ(boss.client->loginAdmin("Admin", "G", boss.clientServer->port())->code, 0);
+        return boss;
+    }
     std::shared_ptr<InProcessServer> server;
 };
 
@@ -36,21 +53,15 @@ TEST_F(GameConcurrencyTest, SimultaneousAdministratorLoginsAdmitExactlyOne) {
     }
     std::atomic<int> admitted{0};
     std::atomic<int> refused{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kClients; ++i) {
-        threads.emplace_back([&, i] {
-            auto answer = players[i].client->loginAdmin("Admin" + std::to_string(i), "G",
-                                                        players[i].clientServer->port());
-            if (answer && answer->code == 0) {
-                ++admitted;
-            } else if (answer && answer->message == AnswerMessage::adminAlreadyLoggenIn) {
-                ++refused;
-            }
-        });
-    }
-    for (auto& t : threads) {
-        t.join();
-    }
+    together(kClients, [&](int i) {
+        auto answer = players[i].client->loginAdmin("Admin" + std::to_string(i), "G",
+                                                    players[i].clientServer->port());
+        if (answer && answer->code == 0) {
+            ++admitted;
+        } else if (answer && answer->message == AnswerMessage::adminAlreadyLoggenIn) {
+            ++refused;
+        }
+    });
     EXPECT_EQ(admitted.load(), 1);
     EXPECT_EQ(refused.load(), kClients - 1);
     EXPECT_EQ(PlayerStore::shared().count(), 1u);
@@ -58,29 +69,22 @@ TEST_F(GameConcurrencyTest, SimultaneousAdministratorLoginsAdmitExactlyOne) {
 }
 
 TEST_F(GameConcurrencyTest, SameNameLoggingInTwiceAtOnceIsAdmittedOnce) {
-    TestPlayer boss = connectPlayer(*server);
-    ASSERT_EQ(boss.client->loginAdmin("Admin", "G", boss.clientServer->port())->code, 0);
+    TestPlayer boss = admin();
     for (int round = 0; round < 10; ++round) {
         std::vector<TestPlayer> twins;
         twins.push_back(connectPlayer(*server));
         twins.push_back(connectPlayer(*server));
         std::atomic<int> admitted{0};
         std::string refusals[2];
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 2; ++i) {
-            threads.emplace_back([&, i] {
-                auto answer = twins[i].client->loginPlayer(i == 0 ? "Twin" : "TWIN",
-                                                           twins[i].clientServer->port());
-                if (answer && answer->code == 0) {
-                    ++admitted;
-                } else {
-                    refusals[i] = answer ? std::string(toString(answer->message)) : "no answer";
-                }
-            });
-        }
-        for (auto& t : threads) {
-            t.join();
-        }
+        together(2, [&](int i) {
+            auto answer = twins[i].client->loginPlayer(i == 0 ? "Twin" : "TWIN",
+                                                       twins[i].clientServer->port());
+            if (answer && answer->code == 0) {
+                ++admitted;
+            } else {
+                refusals[i] = answer ? std::string(toString(answer->message)) : "no answer";
+            }
+        });
         ASSERT_EQ(admitted.load(), 1)
             << "round " << round << ": " << refusals[0] << ", " << refusals[1];
         for (auto& twin : twins) {
@@ -112,21 +116,15 @@ TEST_F(GameConcurrencyTest, PlayersPlayingAtOnceEachGetEveryNotificationWhole) {
                   0);
     }
     std::atomic<int> answered{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kPlayers; ++i) {
-        threads.emplace_back([&, i] {
-            for (int n = 0; n < kPlays; ++n) {
-                auto answer = n % 2 == 0 ? players[i].client->play()
-                                         : players[i].client->cardElected("P", std::to_string(n));
-                if (answer && answer->code == 0) {
-                    ++answered;
-                }
+    together(kPlayers, [&](int i) {
+        for (int n = 0; n < kPlays; ++n) {
+            auto answer = n % 2 == 0 ? players[i].client->play()
+                                     : players[i].client->cardElected("P", std::to_string(n));
+            if (answer && answer->code == 0) {
+                ++answered;
             }
-        });
-    }
-    for (auto& t : threads) {
-        t.join();
-    }
+        }
+    });
     EXPECT_EQ(answered.load(), kPlayers * kPlays);
     // Only the game's notifications are counted: a joiner's arrival is pushed after its login
     // answer, so a player who joined just after it may or may not get it too.
@@ -149,34 +147,27 @@ TEST_F(GameConcurrencyTest, PlayersPlayingAtOnceEachGetEveryNotificationWhole) {
 }
 
 TEST_F(GameConcurrencyTest, LoginsAndLogoutsChurningKeepTheCountRight) {
-    TestPlayer boss = connectPlayer(*server);
-    ASSERT_EQ(boss.client->loginAdmin("Admin", "G", boss.clientServer->port())->code, 0);
+    TestPlayer boss = admin();
     constexpr int kThreads = 6;
     constexpr int kRounds = 15;
     std::atomic<int> admitted{0};
     std::atomic<int> limited{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            TestPlayer player = connectPlayer(*server);
-            for (int round = 0; round < kRounds; ++round) {
-                auto answer = player.client->loginPlayer("T" + std::to_string(t),
-                                                         player.clientServer->port());
-                if (answer && answer->code == 0) {
-                    ++admitted;
-                    auto out = player.client->logout();
-                    EXPECT_TRUE(out && out->code == 0);
-                } else if (answer && answer->message == AnswerMessage::limitExceeded) {
-                    ++limited;
-                } else {
-                    ADD_FAILURE() << "unexpected answer";
-                }
+    together(kThreads, [&](int t) {
+        TestPlayer player = connectPlayer(*server);
+        for (int round = 0; round < kRounds; ++round) {
+            auto answer =
+                player.client->loginPlayer("T" + std::to_string(t), player.clientServer->port());
+            if (answer && answer->code == 0) {
+                ++admitted;
+                auto out = player.client->logout();
+                EXPECT_TRUE(out && out->code == 0);
+            } else if (answer && answer->message == AnswerMessage::limitExceeded) {
+                ++limited;
+            } else {
+                ADD_FAILURE() << "unexpected answer";
             }
-        });
-    }
-    for (auto& t : threads) {
-        t.join();
-    }
+        }
+    });
     EXPECT_EQ(admitted.load() + limited.load(), kThreads * kRounds);
     EXPECT_GT(admitted.load(), 0);
     EXPECT_EQ(InProcessServer::loginCount(), 1);
@@ -184,8 +175,7 @@ TEST_F(GameConcurrencyTest, LoginsAndLogoutsChurningKeepTheCountRight) {
 }
 
 TEST_F(GameConcurrencyTest, GameEndNeverClosesTheDatabaseUnderARunningWrite) {
-    TestPlayer boss = connectPlayer(*server);
-    ASSERT_EQ(boss.client->loginAdmin("Admin", "G", boss.clientServer->port())->code, 0);
+    TestPlayer boss = admin();
     // Requests still in flight keep handing writes to the database queue: a chain of blocks,
     // each submitting the next, so one is always queued behind what the game's end waits for.
     auto closedUnderWrite = std::make_shared<std::atomic<bool>>(false);
@@ -211,6 +201,23 @@ TEST_F(GameConcurrencyTest, GameEndNeverClosesTheDatabaseUnderARunningWrite) {
     sqlm().drain();
     EXPECT_FALSE(closedUnderWrite->load());
     *chain = nullptr;  // the block held itself
+}
+
+// Takes and give-backs from several threads: the count never passes the limit and ends where
+// it started.
+TEST(LoginCounterConcurrencyTest, ContendedCountsAreNeitherLostNorExceeded) {
+    LoginCounter counter;
+    std::atomic<int> over{0};
+    together(4, [&](int) {
+        for (int i = 0; i < 200000; ++i) {
+            if (counter.take()) {
+                over += counter.value() > LoginCounter::counterLimit ? 1 : 0;
+                counter.giveBack();
+            }
+        }
+    });
+    EXPECT_EQ(counter.value(), 0);
+    EXPECT_EQ(over.load(), 0);
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ using Counts = std::vector<std::pair<std::string, std::size_t>>;
 
 std::string repeated(const std::string& text, std::size_t times) {
     std::string out;
-    for (std::size_t i = 0; i < times; ++i) {
+    while (times-- > 0) {
         out += text;
     }
     return out;
@@ -32,30 +32,13 @@ TEST(RoundStatisticsTest, NumbersAreDecimalsWithDotOrCommaAndHalvesEverythingEls
     for (const auto& [card, value] : numbers) {
         EXPECT_EQ(RoundStatistics::numericValue(card), value) << card;
     }
-    for (const std::string card : {"",
-                                   " ",
-                                   "?",
-                                   "\u2615",
-                                   "coffee",
-                                   "XL",
-                                   "-1",
-                                   "+3",
-                                   "1e3",
-                                   "0x10",
-                                   "inf",
-                                   "nan",
-                                   "1,2,3",
-                                   "1.2.3",
-                                   ",",
-                                   ".",
-                                   "1/0",
-                                   "1/",
-                                   "/2",
-                                   "1 2",
-                                   "\u0141\u00F3d\u017A",
-                                   "\u00BD\u00BD",
-                                   "1\u00BD",
-                                   "\uFF15"}) {
+    // clang-format off
+    const std::vector<std::string> texts{
+        "", " ", "?", "\u2615", "coffee", "XL", "-1", "+3", "1e3", "0x10", "inf", "nan", "1,2,3",
+        "1.2.3", ",", ".", "1/0", "1/", "/2", "1 2", "\u0141\u00F3d\u017A", "\u00BD\u00BD",
+        "1\u00BD", "\uFF15"};
+    // clang-format on
+    for (const std::string& card : texts) {
         EXPECT_EQ(RoundStatistics::numericValue(card), std::nullopt) << card;
     }
 }
@@ -157,11 +140,6 @@ TEST(RoundStatisticsTest, DistributionAndProposedEstimate) {
 }
 
 TEST(DeckTest, PresetsAndNearestCard) {
-    ASSERT_EQ(Deck::presets().size(), 4u);
-    EXPECT_EQ(Deck::standard().cards,
-              (Cards{"0", "1/2", "1", "2", "3", "5", "8", "13", "20", "40", "100", "?", "coffee"}));
-    EXPECT_EQ(Deck::preset("powers")->cards,
-              (Cards{"0", "1", "2", "4", "8", "16", "32", "64", "?", "coffee"}));
     EXPECT_FALSE(Deck::preset("Standard"));
     EXPECT_TRUE(Deck::standard().contains("1/2"));
     EXPECT_FALSE(Deck::standard().contains("0.5"));
@@ -180,8 +158,8 @@ TEST(DeckTest, CustomDecksAreTrimmedComposedAndCheckedCardByCard) {
     };
     const std::string accent = "e\u0301";  // é, decomposed
     Cards tooMany;
-    for (int i = 0; i < 25; ++i) {
-        tooMany.push_back(std::to_string(i));
+    while (tooMany.size() < 25) {
+        tooMany.push_back(std::to_string(tooMany.size()));
     }
     Cards most(tooMany.begin(), tooMany.begin() + 24);
     const std::vector<Case> cases{
@@ -225,11 +203,11 @@ TEST(TextRulesTest, TrimmingCountingAndComposing) {
     for (const auto& [text, expected] : trims) {
         EXPECT_EQ(trimmed(text), expected) << testing::PrintToString(text);
     }
-    for (const char32_t space : {U'\u00A0', U'\u1680', U'\u0085', U'\u2028', U'\u000B', U' '}) {
-        EXPECT_TRUE(isWhiteSpace(space)) << static_cast<int>(space);
+    for (const char32_t c : std::u32string(U"\u00A0\u1680\u0085\u2028\u000B ")) {
+        EXPECT_TRUE(isWhiteSpace(c)) << static_cast<int>(c);
     }
-    for (const char32_t other : {U'\u200B', U'\u0008', U'x', U'\uFEFF'}) {
-        EXPECT_FALSE(isWhiteSpace(other)) << static_cast<int>(other);
+    for (const char32_t c : std::u32string(U"\u200B\u0008x\uFEFF")) {
+        EXPECT_FALSE(isWhiteSpace(c)) << static_cast<int>(c);
     }
 
     const std::vector<std::pair<std::string, std::size_t>> counts{
@@ -252,13 +230,16 @@ TEST(TextRulesTest, TrimmingCountingAndComposing) {
 }
 
 TEST(TextRulesTest, InvisibleCharactersNameEqualityAndNameChecks) {
-    for (const std::string text :
-         {"a\u200Bb", "a\u200Db", "\u202Eevil", "\uFEFFbom", "soft\u00ADy", "a\x01", "a\x7F",
-          "a\u0085", "a\tb", "a\nb", "a\u2028b", "\u2066x\u2069", "\u00A0\u0080"}) {
+    // clang-format off
+    const std::vector<std::string> invisible{
+        "a\u200Bb", "a\u200Db", "\u202Eevil", "\uFEFFbom", "soft\u00ADy", "a\x01", "a\x7F", "a\u0085",
+        "a\tb", "a\nb", "a\u2028b", "\u2066x\u2069", "\u00A0\u0080"};
+    // clang-format on
+    for (const std::string& text : invisible) {
         EXPECT_TRUE(hasInvisibleCharacters(text)) << testing::PrintToString(text);
     }
     for (const std::string text :
-         {"", "\u0141ucja", "a b", "\u00A0", "e\u0301", "\U0001F600", "?", "\u2615"}) {
+         {"", "\u0141ucja", "a b", "\u00A0", "e\u0301", "\U0001F600", "?"}) {
         EXPECT_FALSE(hasInvisibleCharacters(text)) << testing::PrintToString(text);
     }
 

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <future>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -35,15 +34,6 @@ using ::testing::internal::CaptureStdout;
 using ::testing::internal::GetCapturedStderr;
 using ::testing::internal::GetCapturedStdout;
 
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 std::size_t countOf(const std::string& text, const std::string& part) {
     std::size_t count = 0;
     for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
@@ -52,8 +42,9 @@ std::size_t countOf(const std::string& text, const std::string& part) {
     return count;
 }
 
-// A record as answered: table, id, and the id it links to (0 for a game).
-using Row = std::tuple<std::string, std::int64_t, std::int64_t>;
+// A record as answered or stored: its table's rank (games, deals, elections), its table, its
+// id and the id it links to (0 for a game). Sorted, rows come in table then id order.
+using Row = std::tuple<int, std::string, std::int64_t, std::int64_t>;
 
 // The record writes the game makes, the way it makes them: each on the database queue, a deal
 // linked to the game opened last, an election to the deal put last.
@@ -63,7 +54,7 @@ class Table {
         sqlm().async([this, name] {
             if (auto game = Game::make(name, "Boss"); game && game->save()) {
                 game_ = game->id;
-                answer({"Game", game->id, 0});
+                answer({0, "Game", game->id, 0});
             }
         });
     }
@@ -71,22 +62,26 @@ class Table {
         sqlm().async([this, title] {
             if (auto deal = Deal::make(game_.load(), title); deal && deal->save()) {
                 deal_ = deal->id;
-                answer({"Deal", deal->id, deal->gameId});
+                answer({1, "Deal", deal->id, deal->gameId});
             }
         });
     }
     void elect(const std::string& player) {
         sqlm().async([this, player] {
-            if (auto election = Election::make(deal_.load(), player, "5");
-                election && election->save()) {
+            if (auto e = Election::make(deal_.load(), player, "5"); e && e->save()) {
                 post(Event::electionTableDidChange);
-                answer({"Election", election->id, election->dealId});
+                answer({2, "Election", e->id, e->dealId});
             }
         });
     }
-    std::vector<Row> answered() {
+    // In the order answered, or sorted.
+    std::vector<Row> answered(bool sorted = false) {
         std::lock_guard lock(mutex_);
-        return answered_;
+        auto rows = answered_;
+        if (sorted) {
+            std::sort(rows.begin(), rows.end());
+        }
+        return rows;
     }
 
   private:
@@ -99,40 +94,6 @@ class Table {
     std::mutex mutex_;
     std::vector<Row> answered_;
 };
-
-// Every stored row, over a connection of its own, in id order per table.
-std::vector<Row> storedRows(const std::string& path) {
-    std::vector<Row> rows;
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, "unix") == SQLITE_OK) {
-        for (const auto& [table, query] : std::vector<std::pair<std::string, std::string>>{
-                 {"Game", "SELECT id, 0 FROM Game ORDER BY id"},
-                 {"Deal", "SELECT id, gameId FROM Deal ORDER BY id"},
-                 {"Election", "SELECT id, dealId FROM Election ORDER BY id"}}) {
-            sqlite3_stmt* statement = nullptr;
-            sqlite3_prepare_v2(db, query.c_str(), -1, &statement, nullptr);
-            while (statement != nullptr && sqlite3_step(statement) == SQLITE_ROW) {
-                rows.emplace_back(table, sqlite3_column_int64(statement, 0),
-                                  sqlite3_column_int64(statement, 1));
-            }
-            sqlite3_finalize(statement);
-        }
-    }
-    sqlite3_close(db);
-    return rows;
-}
-
-// The answered rows ordered like storedRows.
-std::vector<Row> byTable(std::vector<Row> rows) {
-    const auto rank = [](const std::string& table) {
-        return table == "Game" ? 0 : table == "Deal" ? 1 : 2;
-    };
-    std::stable_sort(rows.begin(), rows.end(), [&](const Row& a, const Row& b) {
-        return std::make_pair(rank(std::get<0>(a)), std::get<1>(a)) <
-               std::make_pair(rank(std::get<0>(b)), std::get<1>(b));
-    });
-    return rows;
-}
 
 class FailedStoresTest : public testing::StorageFixture {
   protected:
@@ -154,6 +115,23 @@ class FailedStoresTest : public testing::StorageFixture {
         std::lock_guard lock(statusMutex_);
         return statuses_;
     }
+    // Every stored row, over a connection of its own that the full disk doesn't touch.
+    std::vector<Row> storedRows() const {
+        std::vector<Row> rows;
+        for (std::string line :
+             rawTexts(path(),
+                      "SELECT 0, 'Game', id, 0 FROM Game UNION ALL SELECT 1, 'Deal', id, "
+                      "gameId FROM Deal UNION ALL SELECT 2, 'Election', id, dealId FROM "
+                      "Election")) {
+            std::replace(line.begin(), line.end(), '|', ' ');
+            Row row;
+            std::istringstream(line) >> std::get<0>(row) >> std::get<1>(row) >> std::get<2>(row) >>
+                std::get<3>(row);
+            rows.push_back(row);
+        }
+        std::sort(rows.begin(), rows.end());
+        return rows;
+    }
 
   private:
     std::mutex statusMutex_;
@@ -166,7 +144,7 @@ TEST_F(FailedStoresTest, RecordsAnsweredWhileTheDiskIsFullAreStoredOnceItHasRoom
     table.putDeal("Stored at once");
     table.elect("Ann");
     sqlm().drain();
-    ASSERT_EQ(storedRows(path()).size(), 3u);
+    ASSERT_EQ(storedRows().size(), 3u);
     std::atomic<int> announced{0};
     auto token = NotificationCenter::defaultCenter().addObserver(
         toString(Event::electionTableDidChange), [&] { ++announced; });
@@ -186,20 +164,20 @@ TEST_F(FailedStoresTest, RecordsAnsweredWhileTheDiskIsFullAreStoredOnceItHasRoom
     ASSERT_TRUE(testkit::waitUntil([&] { return !statuses().empty(); }));
     table.elect("Dee");
     // The queue's bound holds while it retries: a flood of writes waits for room.
+    constexpr std::size_t kFlood = WorkQueue::kDefaultCapacity + 10;
     std::atomic<std::size_t> submitted{0};
     std::thread flood([&] {
-        for (std::size_t i = 0; i < WorkQueue::kDefaultCapacity + 10; ++i) {
+        for (std::size_t i = 0; i < kFlood; ++i) {
             table.elect("flood " + std::to_string(i));
             ++submitted;
         }
     });
     ASSERT_TRUE(
-        testkit::waitUntil([&] { return submitted.load() >= WorkQueue::kDefaultCapacity - 1; }));
+        testkit::waitUntil([&] { return submitted.load() + 1 >= WorkQueue::kDefaultCapacity; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_LT(submitted.load(), WorkQueue::kDefaultCapacity + 10);
-    EXPECT_EQ(storedRows(path()).size(), 3u);  // nothing of it is in the file yet
+    EXPECT_LT(submitted.load(), kFlood);
+    EXPECT_EQ(storedRows().size(), 3u);  // nothing of it is in the file yet
     EXPECT_EQ(announced.load(), 0);
-    const std::size_t answeredWhileFull = table.answered().size() - 3;
 
     FaultyFileSystem::setFailing(false);
     flood.join();
@@ -207,30 +185,22 @@ TEST_F(FailedStoresTest, RecordsAnsweredWhileTheDiskIsFullAreStoredOnceItHasRoom
     const std::string printed = GetCapturedStdout();
     NotificationCenter::defaultCenter().removeObserver(token);
 
-    const auto answered = byTable(table.answered());
-    const auto stored = storedRows(path());
-    std::printf(
-        "records stored vs answered under a full disk: %zu of %zu (%zu answered while every "
-        "write failed, the rest queued meanwhile; %d writes refused)\n",
-        stored.size(), answered.size(), answeredWhileFull, FaultyFileSystem::refusals());
-    EXPECT_EQ(stored, answered);
-    ASSERT_EQ(answered.size(), 3u + 5u + 1u + WorkQueue::kDefaultCapacity + 10u);
-    // The links are the ids of the rows stored during the failure.
-    const auto during = std::get<1>(answered[1]);     // the game "During"
-    const auto whileFull = std::get<1>(answered[3]);  // the deal "While full"
-    const auto second = std::get<1>(answered[4]);     // "Second game"
-    EXPECT_EQ(std::get<2>(answered[4]), during);
-    int onWhileFull = 0;
-    int onSecond = 0;
+    const auto answered = table.answered(true);
+    EXPECT_EQ(storedRows(), answered);
+    ASSERT_EQ(answered.size(), 3u + 5u + 1u + kFlood);
+    // The links are the ids of the rows stored during the failure: the deal "Second game"
+    // links to the game "During", Bea and Cy to "While full", the rest to "Second game".
+    EXPECT_EQ(std::get<3>(answered[4]), std::get<2>(answered[1]));
+    std::vector<std::int64_t> links;
     for (const Row& row : answered) {
-        if (std::get<0>(row) == "Election") {
-            onWhileFull += std::get<2>(row) == whileFull;
-            onSecond += std::get<2>(row) == second;
+        if (std::get<1>(row) == "Election") {
+            links.push_back(std::get<3>(row));
         }
     }
-    EXPECT_EQ(onWhileFull, 2);  // Bea and Cy
-    EXPECT_EQ(onSecond, 1 + static_cast<int>(WorkQueue::kDefaultCapacity) + 10);
-    EXPECT_EQ(announced.load(), 3 + static_cast<int>(WorkQueue::kDefaultCapacity) + 10);
+    EXPECT_EQ(std::count(links.begin(), links.end(), std::get<2>(answered[3])), 2);
+    EXPECT_EQ(std::count(links.begin(), links.end(), std::get<2>(answered[4])),
+              static_cast<std::ptrdiff_t>(1 + kFlood));
+    EXPECT_EQ(announced.load(), 3 + static_cast<int>(kFlood));
 
     // One line when it started, one when it recovered; the listener heard the same.
     EXPECT_EQ(countOf(printed, "Pointlane can't save to " + path() +
@@ -239,10 +209,8 @@ TEST_F(FailedStoresTest, RecordsAnsweredWhileTheDiskIsFullAreStoredOnceItHasRoom
         << printed;
     EXPECT_EQ(countOf(printed, "Pointlane saves to " + path() + " again;"), 1u) << printed;
     EXPECT_EQ(linesOf(printed).size(), 2u) << printed;
-    const auto heard = statuses();
-    ASSERT_EQ(heard.size(), 2u);
-    EXPECT_EQ(heard[0], std::make_pair(true, std::string("database or disk is full")));
-    EXPECT_EQ(heard[1], std::make_pair(false, std::string()));
+    EXPECT_EQ(statuses(), (std::vector<std::pair<bool, std::string>>{
+                              {true, "database or disk is full"}, {false, ""}}));
 }
 
 TEST_F(FailedStoresTest, AQuitGivesUpAfterItsTimeAndWritesEachUnstoredRecordAsAJsonLine) {
@@ -268,18 +236,15 @@ TEST_F(FailedStoresTest, AQuitGivesUpAfterItsTimeAndWritesEachUnstoredRecordAsAJ
     EXPECT_LT(took, std::chrono::seconds(5));
     const auto answered = table.answered();
     ASSERT_EQ(answered.size(), 4u) << printed << dumped;
-    const auto lines = linesOf(dumped);
-    ASSERT_EQ(lines.size(), 3u) << dumped;
     std::vector<Row> written;
-    for (const std::string& line : lines) {
+    for (const std::string& line : linesOf(dumped)) {
         const auto json = nlohmann::json::parse(line, nullptr, false);
         ASSERT_TRUE(json.is_object()) << line;
         EXPECT_EQ(json.value("operation", ""), "insert") << line;
         const auto& values = json.at("values");
         const std::string kind = json.value("table", "");
-        written.emplace_back(kind, values.at("id").get<std::int64_t>(),
-                             kind == "Deal" ? values.at("gameId").get<std::int64_t>()
-                                            : values.at("dealId").get<std::int64_t>());
+        written.emplace_back(kind == "Deal" ? 1 : 2, kind, values.at("id").get<std::int64_t>(),
+                             values.at(kind == "Deal" ? "gameId" : "dealId").get<std::int64_t>());
     }
     EXPECT_EQ(written, std::vector<Row>(answered.begin() + 1, answered.end()));
     EXPECT_EQ(sqlm().unsavedCount(), 3u);
@@ -287,8 +252,7 @@ TEST_F(FailedStoresTest, AQuitGivesUpAfterItsTimeAndWritesEachUnstoredRecordAsAJ
                                    "; each is on standard error as one JSON line."),
               1u)
         << printed;
-    FaultyFileSystem::setFailing(false);
-    EXPECT_EQ(storedRows(path()).size(), 1u);
+    EXPECT_EQ(storedRows().size(), 1u);
 }
 
 // A lock another connection holds longer than the busy time-out fails the batch before it
@@ -308,7 +272,7 @@ TEST_F(FailedStoresTest, ALockHeldTooLongKeepsTheBatchWithTheIdsItsRowsWillHave)
     const bool failed =
         testkit::waitUntil([&] { return !statuses().empty(); }, std::chrono::seconds(30));
     const std::size_t answered = table.answered().size();
-    const std::size_t stored = storedRows(path()).size();
+    const std::size_t stored = storedRows().size();
     sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
     sqlite3_close(other);
     sqlm().drain();
@@ -316,9 +280,10 @@ TEST_F(FailedStoresTest, ALockHeldTooLongKeepsTheBatchWithTheIdsItsRowsWillHave)
     ASSERT_TRUE(failed);
     EXPECT_GE(answered, 3u);  // the deal, at least, was answered before anything was stored
     EXPECT_EQ(stored, 2u);
-    EXPECT_EQ(storedRows(path()), byTable(table.answered()));
-    EXPECT_EQ(table.answered().size(), 5u);
-    EXPECT_EQ(std::get<2>(table.answered()[4]), std::get<1>(table.answered()[2]));
+    const auto rows = table.answered(true);
+    EXPECT_EQ(storedRows(), rows);
+    ASSERT_EQ(rows.size(), 5u);
+    EXPECT_EQ(std::get<3>(rows[4]), std::get<2>(rows[2]));  // Bea's deal is "While locked"
     EXPECT_NE(printed.find(": database is locked; keeping "), std::string::npos) << printed;
     EXPECT_NE(printed.find("Pointlane saves to " + path() + " again;"), std::string::npos)
         << printed;

@@ -4,10 +4,10 @@
 #include <sqlite3.h>
 
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "ServerProcess.h"
 #include "StorageFixture.h"
 #include "storage/Estimate.h"
 #include "storage/HistoryReader.h"
@@ -38,33 +38,6 @@ bool run(const std::string& path, const std::string& sql) {
     return ok;
 }
 
-// Every row of the query as one text, over a connection of its own.
-std::vector<std::string> rowsOf(const std::string& path, const std::string& query) {
-    std::vector<std::string> rows;
-    sqlite3* db = nullptr;
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-        sqlite3_prepare_v2(db, query.c_str(), -1, &statement, nullptr) == SQLITE_OK) {
-        while (sqlite3_step(statement) == SQLITE_ROW) {
-            std::string row;
-            for (int c = 0; c < sqlite3_column_count(statement); ++c) {
-                const auto* text = sqlite3_column_text(statement, c);
-                row += (c == 0 ? "" : "|") +
-                       std::string(text ? reinterpret_cast<const char*>(text) : "<null>");
-            }
-            rows.push_back(row);
-        }
-    }
-    sqlite3_finalize(statement);
-    sqlite3_close(db);
-    return rows;
-}
-
-std::string bytesOf(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class SchemaVersionTest : public testing::StorageFixture {};
 
 TEST_F(SchemaVersionTest, ADatabaseOfTheFirstReleaseIsUpgradedInPlaceWithEveryRowKept) {
@@ -77,12 +50,11 @@ TEST_F(SchemaVersionTest, ADatabaseOfTheFirstReleaseIsUpgradedInPlaceWithEveryRo
         INSERT INTO Election VALUES (1, 4, 'Ann', '5');
         INSERT INTO Election VALUES (5, 7, 'Bob', '?');
         INSERT INTO PlayerInfo VALUES (2, 'Ann', '10.0.0.1');)"));
-    const std::vector<std::string> tables{"Game", "Deal", "Election", "PlayerInfo"};
-    std::vector<std::vector<std::string>> before;
-    for (const auto& table : tables) {
-        before.push_back(rowsOf(old, "SELECT * FROM " + table + " ORDER BY id"));
-    }
-    ASSERT_EQ(before[0].size(), 2u);
+    const std::string everyRow =
+        "SELECT 'G', * FROM Game UNION ALL SELECT 'D', *, NULL FROM Deal UNION ALL "
+        "SELECT 'E', * FROM Election UNION ALL SELECT 'P', *, NULL FROM PlayerInfo";
+    const auto before = rawTexts(old, everyRow);
+    ASSERT_EQ(before.size(), 7u);
 
     EXPECT_EQ(SchemaVersion::check(old), std::nullopt);
     // The export reads a file of the first layout as it is: no estimates yet.
@@ -95,10 +67,7 @@ TEST_F(SchemaVersionTest, ADatabaseOfTheFirstReleaseIsUpgradedInPlaceWithEveryRo
     EXPECT_EQ(SchemaVersion::version(sqlm()), std::optional<int>(0));
     EXPECT_EQ(SchemaVersion::upgrade(sqlm()), std::nullopt);
     EXPECT_EQ(SchemaVersion::version(sqlm()), std::optional<int>(SchemaVersion::kCurrent));
-    for (std::size_t i = 0; i < tables.size(); ++i) {
-        EXPECT_EQ(rowsOf(old, "SELECT * FROM " + tables[i] + " ORDER BY id"), before[i])
-            << tables[i];
-    }
+    EXPECT_EQ(rawTexts(old, everyRow), before);
     // The estimate is stored with its deal; recording again replaces it; a deal that isn't
     // there has none.
     for (const char* value : {"8", "13"}) {
@@ -126,9 +95,9 @@ TEST_F(SchemaVersionTest, ADatabaseOfTheFirstReleaseIsUpgradedInPlaceWithEveryRo
         "FROM sqlite_master m JOIN pragma_table_info(m.name) c "
         "LEFT JOIN pragma_foreign_key_list(m.name) k ON k.\"from\" = c.name "
         "WHERE m.type = 'table' ORDER BY m.name, c.cid";
-    ASSERT_EQ(rowsOf(path(), layout).size(), 4u + 3 + 4 + 3 + 3);
-    EXPECT_EQ(rowsOf(old, layout), rowsOf(path(), layout));
-    EXPECT_EQ(rowsOf(old, "PRAGMA user_version"), rowsOf(path(), "PRAGMA user_version"));
+    ASSERT_EQ(rawTexts(path(), layout).size(), 4u + 3 + 4 + 3 + 3);
+    EXPECT_EQ(rawTexts(old, layout), rawTexts(path(), layout));
+    EXPECT_EQ(rawTexts(old, "PRAGMA user_version"), rawTexts(path(), "PRAGMA user_version"));
 }
 
 TEST_F(SchemaVersionTest, NewerDamagedOrForeignDatabasesAreRefusedAndLeftAsTheyAre) {
@@ -156,21 +125,21 @@ TEST_F(SchemaVersionTest, NewerDamagedOrForeignDatabasesAreRefusedAndLeftAsTheyA
         ASSERT_TRUE(run(file, c.setup)) << c.name;
         if (c.corrupt) {
             // Page 3 onwards: the deals' table pages.
-            std::string bytes = bytesOf(file);
+            std::string bytes = testkit::fileText(file);
             ASSERT_GT(bytes.size(), 4u * 4096) << c.name;
             for (std::size_t i = 2 * 4096; i < 2 * 4096 + 300; ++i) {
                 bytes[i] = static_cast<char>(0xA5);
             }
             std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
         }
-        const std::string original = bytesOf(file);
+        const std::string original = testkit::fileText(file);
         const auto refusal = SchemaVersion::check(file);
         ASSERT_TRUE(refusal) << c.name;
         EXPECT_EQ(refusal->rfind("Pointlane can't use the database " + file + ": " + c.reason, 0),
                   0u)
             << *refusal;
         EXPECT_EQ(refusal->find('\n'), std::string::npos);
-        EXPECT_EQ(bytesOf(file), original) << c.name;
+        EXPECT_EQ(testkit::fileText(file), original) << c.name;
     }
 }
 

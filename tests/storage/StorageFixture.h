@@ -4,6 +4,8 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,23 +44,43 @@ class StorageFixture : public ::testing::Test {
         return rows->array.front().begin()->second.data.integerValue().value_or(-1);
     }
 
-    // The first column of every row as stored, read over a second, raw connection: the
+    // Every row as stored, its columns joined by "|", read over a second, raw connection: the
     // conversion layer would hide the stored form.
     static std::vector<std::string> rawTexts(const std::string& path, const std::string& query) {
-        std::vector<std::string> out;
+        std::vector<std::string> rows;
         sqlite3* db = nullptr;
         sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+        if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, "unix") == SQLITE_OK &&
             sqlite3_prepare_v2(db, query.c_str(), -1, &stmt, nullptr) == SQLITE_OK) {
             while (sqlite3_step(stmt) == SQLITE_ROW) {
-                const auto* t = sqlite3_column_text(stmt, 0);
-                out.emplace_back(t ? reinterpret_cast<const char*>(t) : "<null>");
+                std::string row;
+                for (int c = 0; c < sqlite3_column_count(stmt); ++c) {
+                    const auto* t = sqlite3_column_text(stmt, c);
+                    row += (c == 0 ? "" : "|") +
+                           std::string(t ? reinterpret_cast<const char*>(t) : "<null>");
+                }
+                rows.push_back(row);
             }
         }
         sqlite3_finalize(stmt);
         sqlite3_close(db);
-        return out;
+        return rows;
     }
+
+    static std::vector<std::string> linesOf(const std::string& text) {
+        std::vector<std::string> lines;
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    // True when the whole text matches the regular expression.
+    static bool matches(const std::string& text, const std::string& pattern) {
+        return std::regex_match(text, std::regex(pattern));
+    }
+
     testkit::TempDir dir_;
 
   private:

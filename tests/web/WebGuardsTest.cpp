@@ -147,7 +147,7 @@ TEST_F(WebGuardsTest, APageThatSendsPingsAndNeverReadsIsDroppedNotBuffered) {
     auto socket = rawPage(port);
     ASSERT_TRUE(socket);
     // Hello first, so that only the unsent pongs can end the page (not the hello time-out).
-    socket->write(clientFrame(0x1, R"({"type":"hello","tab":"tab-pinger-0123456789"})"));
+    socket->write(clientFrame(0x1, R"({"type":"hello","seat":"seat-pinger-0123456789"})"));
     socket->setReadBufferSize(1);
     const QByteArray ping = clientFrame(0x9, QByteArray(125, 'p'));
     QByteArray burst;
@@ -265,7 +265,7 @@ TEST_F(WebGuardsTest, HalfSentRequestsAndIdleConnectionsAreClosedAfterTheTimeout
     EXPECT_GE(timer.elapsed(), 350);
     // A keep-alive connection answered and then idle.
     auto idle = connectRaw(port);
-    idle->write("GET /table.css HTTP/1.1\r\nHost: x\r\n\r\n");
+    idle->write("GET /pointlane.css HTTP/1.1\r\nHost: x\r\n\r\n");
     EXPECT_EQ(statusLine(*idle), "HTTP/1.1 200 OK");
     timer.restart();
     EXPECT_TRUE(closedWithin(*idle, std::chrono::seconds(5)));
@@ -470,7 +470,7 @@ TEST(WebDescriptorTest, OutOfDescriptorsTheServerWaitsInsteadOfSpinningAndServes
     EXPECT_TRUE(spinUntil(
         [&] {
             auto socket = connectRaw(server.webPort);
-            socket->write("GET /table.css HTTP/1.1\r\nHost: x\r\n\r\n");
+            socket->write("GET /pointlane.css HTTP/1.1\r\nHost: x\r\n\r\n");
             return statusLine(*socket) == "HTTP/1.1 200 OK";
         },
         std::chrono::seconds(10)));

@@ -72,8 +72,9 @@ TEST_F(WebServerTest, ServesThePageFromTheResourcesOnlyAndTheHistoryWhenThereIsO
     const Response script = get("/table.js");
     EXPECT_EQ(script.type, "text/javascript; charset=utf-8");
     EXPECT_TRUE(script.body.contains("WebSocket"));
-    EXPECT_EQ(get("/stats.js").status, 200);
-    EXPECT_EQ(get("/table.css").type, "text/css; charset=utf-8");
+    EXPECT_EQ(get("/render.js").status, 200);
+    EXPECT_EQ(get("/watch").type, "text/html; charset=utf-8");
+    EXPECT_EQ(get("/pointlane.css").type, "text/css; charset=utf-8");
 
     for (const QByteArray path : {"/missing.js", "/web.qrc", "/.hidden.js", "/a/b.js", "/socket"}) {
         EXPECT_EQ(get(path).status, 404) << path.constData();

@@ -331,14 +331,9 @@ void AppDelegate::startWebTable() {
     WebServer::Options web;
     web.port = options_.webPort;
     web.gateway.gamePort = servedPort();
-    // The join page offers to start a game only while no administrator is at the table.
-    web.gateway.currentGame = []() -> std::optional<std::string> {
-        auto& store = PlayerStore::shared();
-        if (!store.existsAdmin()) {
-            return std::nullopt;
-        }
-        return store.gameName().value_or("");
-    };
+    web.gateway.graceMs = options_.webGraceMs;
+    // The link a page on this machine shows beside the join code: the one the code holds.
+    web.gateway.joinLink = [this] { return phoneJoinLink().toStdString(); };
     // The history page reads the database file on its own, read-only connection.
     web.history = historySourceFor(databasePath_);
     web.table = &table();

@@ -63,6 +63,7 @@ class AppDelegate final : public QObject,
         bool monitor = false;           // open the monitor window at start (desktop mode)
         bool web = true;                // serve the web table
         int webPort = kDefaultWebPort;  // 0: any free port
+        int webGraceMs = 60000;         // how long a player's web seat waits for its page
     };
 
     // Makes the database folder ($HOME/.Pointlane), locks it and fixes the database path; a

@@ -22,6 +22,7 @@ struct OptionDefinition {
     std::string needs;      // what a missing value should have been
     std::string description;
     Scope scope;
+    bool hidden = false;  // for tests: left out of the help text
 };
 
 const std::vector<OptionDefinition>& optionDefinitions() {
@@ -39,6 +40,8 @@ const std::vector<OptionDefinition>& optionDefinitions() {
              std::to_string(CommandLine::kDefaultWebPort) + "; 0 picks any free port",
          Scope::serve},
         {"no-web", "", "", "", "do not serve the web table", Scope::serve},
+        {"web-grace-ms", "", "MS", "a number of milliseconds",
+         "how long a player's web seat waits for its page", Scope::serve, true},
         {"format", "", "csv|json", "csv or json", "write CSV (the default) or JSON",
          Scope::exportHistory},
         {"game", "", "ID", "a game id", "only the game with this id (default: every game)",
@@ -192,6 +195,14 @@ CommandLineResult CommandLine::parse(const std::vector<std::string>& arguments) 
         }
         options.webPort = *port;
     }
+    for (const auto& value : values("web-grace-ms")) {
+        auto ms = parseNumber<unsigned>(value, 3600 * 1000);
+        if (!ms) {
+            return failure("invalid web grace '" + value +
+                           "': expected milliseconds up to an hour");
+        }
+        options.webGraceMs = static_cast<int>(*ms);
+    }
     for (const auto& value : values("format")) {
         if (value == "csv") {
             options.exportOptions.format = ExportOptions::Format::csv;
@@ -253,7 +264,7 @@ std::string CommandLine::helpText(const std::string& programName) {
     auto usage = [&](const std::string& lead, Scope scope) {
         std::string line = lead;
         for (const auto& definition : optionDefinitions()) {
-            if (definition.scope == scope) {
+            if (definition.scope == scope && !definition.hidden) {
                 line += " [" + spelled(definition) + (definition.valueName.empty() ? "" : " ") +
                         definition.valueName + "]";
             }
@@ -266,7 +277,7 @@ std::string CommandLine::helpText(const std::string& programName) {
     auto table = [&](const std::string& title, Scope scope) {
         std::string text = "\n" + title + ":\n";
         for (const auto& definition : optionDefinitions()) {
-            if (definition.scope != scope) {
+            if (definition.scope != scope || definition.hidden) {
                 continue;
             }
             std::string line = "  " + spelled(definition) +

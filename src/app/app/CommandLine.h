@@ -33,6 +33,7 @@ class CommandLine {
     std::uint16_t port = kDefaultPort;  // 0 lets the system pick a free port
     std::uint16_t webPort = kDefaultWebPort;  // the web table's port; 0 picks a free one
     bool web = true;                          // false with --no-web: no web table at all
+    int webGraceMs = 60000;  // --web-grace-ms (for tests): how long a web seat waits for its page
 
     // `pointlane export`.
     ExportOptions exportOptions;

@@ -73,7 +73,7 @@ function dealItem(deal) {
   } else {
     const cards = element('ul', 'cards');
     for (const election of deal.elections) {
-      const card = element('li', 'card');
+      const card = element('li', 'card-chip');
       card.append(element('span', 'card-player', election.player),
                   element('span', 'card-symbol', election.card));
       cards.append(card);
@@ -81,6 +81,9 @@ function dealItem(deal) {
     item.append(cards);
   }
   item.append(statisticsList(deal.statistics));
+  if (deal.estimate !== undefined && deal.estimate !== null) {
+    item.append(element('p', 'deal-estimate', `Final estimate: ${deal.estimate}`));
+  }
   return item;
 }
 
