@@ -1,9 +1,11 @@
 // Exports a generated history (by default 1,000 games x 20 deals x 5 elections, stored through
-// the records with the schema script) to CSV and to JSON, in process and through the real
-// binary's `pointlane export`, and compares the times with a bare sqlite3 baseline that reads
-// the same rows (one joined SELECT over every election, touching every text column).
+// the records into a database the application's way, from its schema script) to CSV and to JSON, in
+// process and through the real binary's `pointlane export`, and compares the times with a bare
+// sqlite3 baseline that reads the same rows (one joined SELECT over every election, touching every
+// text column).
 //
 // Usage: export_bench [games] [runs]   (defaults: 1000 games, 3 runs; the best run is shown)
+// Any failure (no schema script, a refused record, a failed export) ends it with status 1.
 
 #include <sqlite3.h>
 #include <sys/resource.h>
@@ -18,6 +20,7 @@
 #include <string>
 
 #include "ServerProcess.h"
+#include "app/SchemaLocation.h"
 #include "storage/Deal.h"
 #include "storage/Election.h"
 #include "storage/Game.h"
@@ -32,10 +35,24 @@ namespace {
 constexpr int kDeals = 20;
 constexpr int kElections = 5;
 
+std::filesystem::path home;  // removed at the end, also after a failure
+
+[[noreturn]] void fail(const std::string& what) {
+    std::fprintf(stderr, "export_bench: %s\n", what.c_str());
+    std::error_code ec;
+    std::filesystem::remove_all(home, ec);
+    std::exit(1);
+}
+
+// The database the application creates: its schema script, found where the program finds it.
 void generate(const std::string& path, int games) {
+    const auto schema = SchemaLocation::find();
+    if (!schema) {
+        fail("no Schema.sql next to the program nor in an installed tree");
+    }
+    sqlm().setSchemaPath(schema);
     if (!sqlm().create(path)) {
-        std::fprintf(stderr, "can't create %s\n", path.c_str());
-        std::exit(1);
+        fail("can't create " + path + " from " + *schema);
     }
     static const char* const kPlayers[] = {"\u0141ucja", "Bob", "Cy, Jr.", "Zbyszek \"Szef\"",
                                            "\u017Baneta"};
@@ -44,37 +61,42 @@ void generate(const std::string& path, int games) {
     for (int g = 0; g < games; ++g) {
         auto game = Game::make("Sprint " + std::to_string(g) + " \u0141\u00F3d\u017A", "Admin");
         if (!game || !game->save()) {
-            std::exit(1);
+            fail("can't store game " + std::to_string(g));
         }
         for (int d = 0; d < kDeals; ++d) {
             auto deal =
                 Deal::make(game->id, "Zadanie " + std::to_string(d) + ": \u017C\u00F3\u0142w");
             if (!deal || !deal->save()) {
-                std::exit(1);
+                fail("can't store a deal of game " + std::to_string(g));
             }
             for (int e = 0; e < kElections; ++e) {
                 auto election =
                     Election::make(deal->id, kPlayers[e], kCards[(g + d * 3 + e * (d % 3)) % 9]);
                 if (!election || !election->save()) {
-                    std::exit(1);
+                    fail("can't store an election of game " + std::to_string(g));
                 }
             }
         }
     }
-    sqlm().execQuery("COMMIT");
+    if (!sqlm().execQuery("COMMIT")) {
+        fail("can't commit the generated history");
+    }
     sqlm().close();
 }
 
 // The bare baseline: every election with its deal and game, every text column read.
 std::size_t bareSelect(const std::string& path) {
     sqlite3* db = nullptr;
-    sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
     sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(db,
-                       "SELECT g.id, g.name, g.date, g.admin, d.id, d.name, e.id, e.playerName, "
-                       "e.symbol FROM Election e JOIN Deal d ON d.id = e.dealId "
-                       "JOIN Game g ON g.id = d.gameId ORDER BY g.id DESC, d.id DESC, e.id",
-                       -1, &stmt, nullptr);
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK ||
+        sqlite3_prepare_v2(
+            db,
+            "SELECT g.id, g.name, g.date, g.admin, d.id, d.name, e.id, e.playerName, "
+            "e.symbol FROM Election e JOIN Deal d ON d.id = e.dealId "
+            "JOIN Game g ON g.id = d.gameId ORDER BY g.id DESC, d.id DESC, e.id",
+            -1, &stmt, nullptr) != SQLITE_OK) {
+        fail(std::string("bare SELECT: ") + sqlite3_errmsg(db));
+    }
     std::size_t bytes = 0;
     while (sqlite3_step(stmt) == SQLITE_ROW) {
         for (int c = 0; c < 9; ++c) {
@@ -124,8 +146,7 @@ Timing best(int runs, const std::function<std::size_t()>& work, std::size_t& siz
 int main(int argc, char** argv) {
     const int games = argc > 1 ? std::max(1, std::atoi(argv[1])) : 1000;
     const int runs = argc > 2 ? std::max(1, std::atoi(argv[2])) : 3;
-    const auto home =
-        std::filesystem::temp_directory_path() / ("export_bench." + std::to_string(getpid()));
+    home = std::filesystem::temp_directory_path() / ("export_bench." + std::to_string(getpid()));
     std::filesystem::create_directories(home / ".Pointlane");
     const std::string path = (home / ".Pointlane" / "Pointlane.sqlite").string();
 
@@ -148,7 +169,10 @@ int main(int argc, char** argv) {
              runs,
              [&] {
                  const auto read = HistoryReader::read(path, std::nullopt);
-                 return read.ok() ? read.history->games.size() : 0;
+                 if (!read.ok()) {
+                     fail("the history could not be read");
+                 }
+                 return read.history->games.size();
              },
              size),
          "games");
@@ -159,7 +183,10 @@ int main(int argc, char** argv) {
                  runs,
                  [&] {
                      const auto result = HistoryExport::fromDatabase(path, format, std::nullopt);
-                     return result.ok() ? result.text->size() : 0;
+                     if (!result.ok()) {
+                         fail(csv ? "the CSV export failed" : "the JSON export failed");
+                     }
+                     return result.text->size();
                  },
                  size));
         const std::string out = (home / (csv ? "out.csv" : "out.json")).string();
@@ -171,9 +198,8 @@ int main(int argc, char** argv) {
                          home.string(),
                          {"export", "--format", csv ? "csv" : "json", "--output", out});
                      if (status != std::optional<int>(0)) {
-                         std::fprintf(stderr, "export failed: %s\n",
-                                      testkit::fileText(home.string() + "/run.err").c_str());
-                         std::exit(1);
+                         fail("pointlane export failed: " +
+                              testkit::fileText(home.string() + "/run.err"));
                      }
                      return std::filesystem::file_size(out);
                  },

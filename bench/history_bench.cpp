@@ -309,7 +309,13 @@ int main(int argc, char** argv) {
                 loaded.p50 / bare.p50, loaded.p99 / bare.p99);
     std::printf("  history answers: %d full (%.1f MB), %d unchanged (304), %d failed\n",
                 pages.full(), pages.megabytes(), pages.unchanged(), pages.failed());
-    first.logout();
-    server->waitForExit(std::chrono::seconds(5));
+    // The pages ask as soon as their block starts, so even a short run has answers.
+    if (pages.full() == 0 || pages.failed() != 0) {
+        return fail("the history pages did not get their answers");
+    }
+    const auto bye = first.logout();
+    if (!bye || bye->code != 0 || server->waitForExit(std::chrono::seconds(10)) != 0) {
+        return fail("the game did not end with the administrator's logout");
+    }
     return EXIT_SUCCESS;
 }

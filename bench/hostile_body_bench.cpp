@@ -5,7 +5,8 @@
 // Round 2, for information: flat bodies ([{},{},...]), shallow but with many values.
 // Each round runs a fresh server, so that each peak is its own.
 //
-// Usage: hostile_body_bench [connections]   (default 100)
+// Usage: hostile_body_bench [connections]   (default 100). Exits with status 1 when a round
+// fails or a body goes unanswered.
 // POINTLANE_SERVER=path measures another server binary.
 #include <signal.h>
 
@@ -138,6 +139,13 @@ int main(int argc, char** argv) {
     const Round wide = run(binary, connections, [&](int) { return flat; });
     if (!deep.ok || !wide.ok) {
         std::fprintf(stderr, "a round failed\n");
+        return 1;
+    }
+    // A server that drops a hostile body's connection without its answer (or ends) has not
+    // taken the load measured here.
+    if (deep.answered != connections || wide.answered != connections) {
+        std::fprintf(stderr, "unknownRequest answered: deep %d/%d, wide %d/%d\n", deep.answered,
+                     connections, wide.answered, connections);
         return 1;
     }
     std::printf("server %s, %d connections, 1 MiB bodies at once\n", binary.c_str(), connections);

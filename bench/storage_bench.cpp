@@ -7,6 +7,7 @@
 //    logout: how long until the process has ended.
 //
 // Usage: storage_bench [rows] [folder]   (defaults: 10000 rows, a new folder under /tmp)
+// Exits with status 1 when a side fails.
 // POINTLANE_SERVER=path runs the flood against another server binary.
 
 #include <sqlite3.h>
@@ -25,6 +26,7 @@
 #include "ClientServer.h"
 #include "PokerClient.h"
 #include "ServerProcess.h"
+#include "app/SchemaLocation.h"
 #include "storage/Deal.h"
 #include "storage/Election.h"
 #include "storage/Game.h"
@@ -35,9 +37,18 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+// The application's schema script, found where the program finds it; both sides use it.
+std::string schemaPath() {
+    const auto path = SchemaLocation::find();
+    if (!path) {
+        std::fprintf(stderr, "no Schema.sql next to the program nor in an installed tree\n");
+        std::exit(1);
+    }
+    return *path;
+}
+
 std::string schemaText() {
-    const auto exe = std::filesystem::read_symlink("/proc/self/exe");
-    std::ifstream in(exe.parent_path() / "Schema.sql");
+    std::ifstream in(schemaPath());
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
@@ -47,9 +58,7 @@ std::string schemaText() {
 class QueueSide {
   public:
     explicit QueueSide(const std::string& path) {
-        sqlm().setSchemaPath(
-            (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "Schema.sql")
-                .string());
+        sqlm().setSchemaPath(schemaPath());
         if (!sqlm().create(path)) {
             std::fprintf(stderr, "can't create %s\n", path.c_str());
             std::exit(1);
@@ -195,7 +204,7 @@ FloodResult floodThenLogout(int records, const std::string& home, const std::str
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rows = argc > 1 ? std::atoi(argv[1]) : 10000;
+    const int rows = argc > 1 ? std::max(1, std::atoi(argv[1])) : 10000;
     std::string folder;
     if (argc > 2) {
         folder = argv[2];

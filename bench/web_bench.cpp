@@ -8,7 +8,9 @@
 // latency runs until the fifth client's own server has the notification. Each web round starts
 // on a new item (a seat plays once per item), put up outside the timed part.
 //
-// Usage: web_bench [rounds]   (two servers, each with a temporary HOME)
+// Usage: web_bench [rounds]   (default 200; two servers, each with a temporary HOME). Fewer than
+// 20 rounds (a smoke run) also shorten the warm-up to that count. Exits with status 1 when a
+// round fails.
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QTimer>
@@ -40,6 +42,10 @@ using nlohmann::json;
 
 constexpr int kPlayers = 5;
 constexpr int kWarmUp = 20;
+// Rounds played before the timed ones: a short run warms up as long as it measures.
+int warmUp(int rounds) {
+    return std::min(kWarmUp, rounds);
+}
 // Between rounds, on both sides alike.
 constexpr int kPauseMs = 110;
 
@@ -178,7 +184,7 @@ std::optional<std::vector<double>> webRounds(int rounds) {
         return failed("web", 5);
     }
     std::vector<double> micros;
-    for (int round = 0; round < kWarmUp + rounds; ++round) {
+    for (int round = 0; round < warmUp(rounds) + rounds; ++round) {
         const std::string item = "item " + std::to_string(round);
         first.send({{"type", "deal"}, {"title", item}});
         // A player picks a card once the item is on the page: the first page's and the fifth's.
@@ -202,7 +208,7 @@ std::optional<std::vector<double>> webRounds(int rounds) {
         }
         const double elapsed =
             std::chrono::duration<double, std::micro>(Clock::now() - started).count();
-        if (round >= kWarmUp) {
+        if (round >= warmUp(rounds)) {
             micros.push_back(elapsed);
         }
         // Two messages a round: the pause keeps the page under the gateway's steady message
@@ -211,8 +217,15 @@ std::optional<std::vector<double>> webRounds(int rounds) {
         QTimer::singleShot(kPauseMs, &pause, &QEventLoop::quit);
         pause.exec();
     }
+    // The administrator's page ends the game (the event loop carries the message out) and the
+    // server ends by itself.
     first.send({{"type", "leave"}});
-    server->waitForExit(std::chrono::seconds(5));
+    if (!first.waitFor([](const json& m) { return m.value("type", "") == "ended"; })) {
+        return failed("web", 8);
+    }
+    if (server->waitForExit(std::chrono::seconds(10)) != std::optional<int>(0)) {
+        return failed("web", 9);
+    }
     return micros;
 }
 
@@ -244,7 +257,7 @@ std::optional<std::vector<double>> nativeRounds(int rounds) {
     }
     PokerClient& first = *clients.front();
     std::vector<double> micros;
-    for (int round = 0; round < kWarmUp + rounds; ++round) {
+    for (int round = 0; round < warmUp(rounds) + rounds; ++round) {
         fifth.clear();
         Request play;
         play.request = RequestCode::play;
@@ -258,13 +271,16 @@ std::optional<std::vector<double>> nativeRounds(int rounds) {
         if (!first.connection().receiveAnswer()) {
             return failed("native", 6);
         }
-        if (round >= kWarmUp) {
+        if (round >= warmUp(rounds)) {
             micros.push_back(elapsed);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(kPauseMs));
     }
-    first.logout();
-    server->waitForExit(std::chrono::seconds(5));
+    const auto bye = first.logout();
+    if (!bye || bye->code != 0 ||
+        server->waitForExit(std::chrono::seconds(10)) != std::optional<int>(0)) {
+        return failed("native", 7);
+    }
     return micros;
 }
 
@@ -272,7 +288,7 @@ std::optional<std::vector<double>> nativeRounds(int rounds) {
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
-    const int rounds = argc > 1 ? std::max(10, std::atoi(argv[1])) : 200;
+    const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 200;
     const auto native = nativeRounds(rounds);
     const auto web = webRounds(rounds);
     if (!native || !web) {

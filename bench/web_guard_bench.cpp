@@ -7,7 +7,8 @@
 // with Content-Length 10^12 and 8 chunked, each sending for up to 5 s. The resident memory is
 // sampled every 20 ms; a connection the server ends is counted as dropped.
 //
-// Usage: web_guard_bench   (a temporary HOME; the server on free ports)
+// Usage: web_guard_bench [flood ms]   (default 5000; a temporary HOME; the server on free ports).
+// Exits with status 1 when the server, a flooding page or a timed page could not be set up.
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QHostAddress>
@@ -35,7 +36,7 @@ using Sockets = std::vector<std::unique_ptr<QTcpSocket>>;
 
 constexpr int kFlooders = 8;
 constexpr int kIdlePages = 70;
-constexpr int kFloodMs = 5000;
+int floodMs = 5000;  // the first argument; a smoke run floods for less
 
 struct TempHome {
     std::filesystem::path path;
@@ -123,7 +124,7 @@ struct Flood {
     double megabytesSent = 0;
 };
 
-// Sends from every socket for up to kFloodMs (never reading), sampling the server's memory.
+// Sends from every socket for up to floodMs (never reading), sampling the server's memory.
 Flood flood(pid_t pid, Sockets& sockets, const QByteArray& unit) {
     Flood result;
     QElapsedTimer timer;
@@ -134,7 +135,7 @@ Flood flood(pid_t pid, Sockets& sockets, const QByteArray& unit) {
         QObject::connect(socket.get(), &QTcpSocket::bytesWritten,
                          [&sent](qint64 bytes) { sent += bytes; });
     }
-    while (timer.elapsed() < kFloodMs) {
+    while (timer.elapsed() < floodMs) {
         bool open = false;
         for (auto& socket : sockets) {
             if (socket->state() != QAbstractSocket::ConnectedState) {
@@ -188,6 +189,9 @@ double pageWaitMs(int port, int firstIndex, const QHostAddress& source) {
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
+    if (argc > 1) {
+        floodMs = std::max(1, std::atoi(argv[1]));
+    }
     TempHome home;
     auto server = testkit::ServerProcess::start(home.path.string(), {"--web-port", "0"});
     if (!server) {
@@ -218,6 +222,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 256; ++i) {
         pings += maskedFrame(0x9, QByteArray(125, 'p'));
     }
+    const bool allPingers = pingers.size() == static_cast<std::size_t>(kFlooders);
     const Flood pingFlood = flood(pid, pingers, pings);
     pingers.clear();
 
@@ -233,6 +238,7 @@ int main(int argc, char** argv) {
             bodies.push_back(std::move(socket));
         }
     }
+    const bool allBodies = bodies.size() == static_cast<std::size_t>(2 * kFlooders);
     const Flood bodyFlood = flood(pid, bodies, chunk);
     bodies.clear();
 
@@ -268,5 +274,9 @@ int main(int argc, char** argv) {
     std::printf("  %d idle pages from 127.0.0.1 (%zu held, %d refused): %8.2f ms\n", kIdlePages,
                 idle.size(), refused, heldMs);
     idle.clear();
+    if (!allPingers || !allBodies || bareMs < 0 || heldMs < 0) {
+        std::fprintf(stderr, "web_guard_bench: a flooding or timed page could not be opened\n");
+        return EXIT_FAILURE;
+    }
     return EXIT_SUCCESS;
 }

@@ -1,12 +1,13 @@
 // What open pages and web seats cost in threads, counted in /proc/self/task, with the game
 // served in this process (as the application does) on loopback.
 //
-// Part 1, the web table as it is built now: the game and the web server idle; then 20 join
-// pages (WebSockets that said hello); then five of them seated (one starts the game, four join).
+// Part 1, the web table as it is built now: the game and the web server idle; then as many join
+// pages (WebSockets that said hello) as one address may open (16); then five of them seated (one
+// starts the game, four join).
 // Part 2, the seats alone: five SeatConnection seats (the event-loop seat) logged in to a fresh
 // game, counted just after their logins and again once their idle game connections have closed.
 //
-// Usage: web_threads_bench
+// Usage: web_threads_bench   (exits with status 1 when a page or seat did not get where it should)
 #include <dirent.h>
 
 #include <QCoreApplication>
@@ -31,7 +32,8 @@ namespace {
 using namespace pointlane;
 using nlohmann::json;
 
-constexpr int kPages = 20;
+// As many join pages as one address may hold open (the pages all come from 127.0.0.1).
+const int kPages = WebListener::Limits{}.pagesPerAddress;
 constexpr int kSeats = 5;
 
 int threadCount() {
@@ -106,11 +108,17 @@ void printLine(const char* what, int count, int idle) {
     std::printf("  %-44s %3d threads (%+d over idle)\n", what, count, count - idle);
 }
 
-void currentWebTable() {
+// Each part is false (with the reason on standard error) when a step did not happen: its counts
+// would then measure something else.
+bool failed(const char* what) {
+    std::fprintf(stderr, "web_threads_bench: %s\n", what);
+    return false;
+}
+
+bool currentWebTable() {
     auto server = testkit::InProcessServer::start();
     if (!server) {
-        std::printf("the game server did not start\n");
-        return;
+        return failed("the game server did not start");
     }
     // The table the pages are drawn from, fed by the game's events as the application feeds it.
     static TableModel table;
@@ -127,6 +135,9 @@ void currentWebTable() {
     options.limits.pagesPerAddress = kPages;  // every page comes from 127.0.0.1
     auto web = std::make_unique<WebServer>(options);
     const int port = web->start();
+    if (port <= 0) {
+        return failed("the web server did not start");
+    }
     std::printf("Web table as built (its WebGateway and WebSession):\n");
     const int idle = settledCount();
     printLine("game and web server, idle", idle, idle);
@@ -170,13 +181,16 @@ void currentWebTable() {
     pages.clear();
     web.reset();
     QCoreApplication::processEvents();
+    if (greeted != kPages || seated != kSeats) {
+        return failed("not every page was answered or seated");
+    }
+    return true;
 }
 
-void seatConnections() {
+bool seatConnections() {
     auto server = testkit::InProcessServer::start();
     if (!server) {
-        std::printf("the game server did not start\n");
-        return;
+        return failed("the game server did not start");
     }
     std::printf("SeatConnection seats alone (no pages, no gateway):\n");
     const int idle = settledCount();
@@ -205,6 +219,10 @@ void seatConnections() {
     printLine(label, settledCount(static_cast<int>(SeatConnection::kIdleClose.count()) + 1000),
               idle);
     seats.clear();
+    if (loggedIn != kSeats) {
+        return failed("not every seat logged in");
+    }
+    return true;
 }
 
 }  // namespace
@@ -212,7 +230,7 @@ void seatConnections() {
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     std::printf("Threads of this process (/proc/self/task), game served in process on loopback\n");
-    currentWebTable();
-    seatConnections();
-    return 0;
+    const bool table = currentWebTable();
+    const bool seats = seatConnections();
+    return table && seats ? 0 : 1;
 }

@@ -29,7 +29,7 @@ const std::string kGame = "Sprint \u0141\u00F3d\u017A, \"Q4\"\nplan";
 const std::string kAdmin = "Zbyszek \"Szef\"";
 const std::string kPlayer = "\u0141ucja, Jr.";
 const std::string kDeal = "Zadanie 1, cz\u0119\u015B\u0107 \"A\"\ndruga";
-const std::string kTurtle = "\u017B\u00F3\u0142w";
+const std::string kTurtle = "\u017B\u00F3\u0142w\nna dnie";  // a line break alone is quoted too
 
 class ExportEndToEndTest : public ::testing::Test {
   protected:

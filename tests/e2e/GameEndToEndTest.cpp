@@ -23,6 +23,7 @@
 namespace pointlane {
 namespace {
 
+using testkit::expectRefusal;
 using testkit::ServerFixture;
 using testkit::ServerProcess;
 using testkit::storedRows;
@@ -110,15 +111,6 @@ class GameEndToEndTest : public ServerFixture {
         return port;
     }
 };
-
-void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message) {
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->code, -1);
-    EXPECT_EQ(answer->message, message) << toString(answer->message);
-    EXPECT_EQ(answer->token, "");
-    EXPECT_FALSE(answer->info);
-    EXPECT_FALSE(answer->data);
-}
 
 TEST_F(GameEndToEndTest, WholeGameIsRelayedToEveryPlayerStoredAndEndedByTheAdministrator) {
     EXPECT_NE(server->diagnostics().find("Database created (" + databasePath() + ")"),
@@ -262,7 +254,9 @@ TEST_F(GameEndToEndTest, WholeGameIsRelayedToEveryPlayerStoredAndEndedByTheAdmin
 
 TEST_F(GameEndToEndTest, RefusalsComeInCheckOrderAndUseUpTheLimitUntilALogout) {
     Player early = connect("Early");
-    expectRefusal(early.client->loginPlayer("Early", early.clientServer->port()),
+    // No administrator yet: said before anything about the data (a port given as text).
+    expectRefusal(early.client->send(RequestCode::loginPlayer,
+                                     bytes(R"({"player_name":"Early","client_server_port":"1"})")),
                   AnswerMessage::adminNotLoggedIn);
     Player boss = admin("Admin", "G");
     expectRefusal(boss.client->loginAdmin("Other", "G", boss.clientServer->port()),
@@ -270,8 +264,8 @@ TEST_F(GameEndToEndTest, RefusalsComeInCheckOrderAndUseUpTheLimitUntilALogout) {
     Player bea = join("Bea");
     auto other = connect("x");
     expectRefusal(other.client->send(RequestCode::loginPlayer,
-                                     bytes(R"({"player_name":"Cy","client_server_port":"1"})")),
-                  AnswerMessage::invalidData);
+                                     bytes(R"({"player_name":"Cy","client_server_port":65536})")),
+                  AnswerMessage::invalidData);  // one past the last port
     // Five counts are taken: two logins and three refusals after the limit check.
     expectRefusal(other.client->loginPlayer("Cy", unreachablePort()), AnswerMessage::limitExceeded);
     expectRefusal(other.client->loginAdmin("Admin2", "G", other.clientServer->port()),

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <set>
 #include <string>
@@ -25,6 +26,7 @@
 namespace pointlane {
 namespace {
 
+using testkit::expectRefusal;
 using testkit::ServerFixture;
 using testkit::ServerProcess;
 using testkit::storedRows;
@@ -152,6 +154,17 @@ TEST_F(LifecycleEndToEndTest, SignalsEndTheRunWithEveryAnsweredRecordStored) {
     }
 }
 
+TEST_F(LifecycleEndToEndTest, AClientGivesUpOnAServerThatStopsAnsweringAfterItsTimeOut) {
+    auto client = PokerClient::connect(server->port(), "127.0.0.1", 0.5);
+    ASSERT_TRUE(client);
+    server->signal(SIGSTOP);
+    auto answer = std::async(std::launch::async, [&] { return client->logout(); });
+    const bool gaveUp = answer.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    server->signal(SIGCONT);  // a client without a time-out gets its answer only now
+    EXPECT_TRUE(gaveUp);
+    EXPECT_FALSE(answer.get().has_value());
+}
+
 TEST_F(LifecycleEndToEndTest, AdministratorsLogoutEndsTheRunWithEveryAnsweredRecordStored) {
     Client boss = connect(server->port());
     ASSERT_TRUE(isOk(boss.client->loginAdmin("Boss", "First", boss.clientServer->port())));
@@ -208,15 +221,6 @@ TEST_F(LifecycleEndToEndTest, AdministratorsLogoutEndsTheRunWithEveryAnsweredRec
     }
     ASSERT_EQ(status, std::optional<int>(0)) << server->output();
     expectEveryAnsweredRecordStored(databasePath(), answered);
-}
-
-void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message) {
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->code, -1);
-    EXPECT_EQ(answer->message, message) << toString(answer->message);
-    EXPECT_EQ(answer->token, "");
-    EXPECT_FALSE(answer->info);
-    EXPECT_FALSE(answer->data);
 }
 
 int dealsReceived(const ClientServer& clientServer) {

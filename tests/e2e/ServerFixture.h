@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ServerProcess.h"
 #include "TestKit.h"
+#include "transport/Answer.h"
 
 namespace pointlane::testkit {
 
@@ -23,5 +25,15 @@ class ServerFixture : public ::testing::Test {
     TempDir home;
     std::unique_ptr<ServerProcess> server;
 };
+
+// A refusal as the server sends it: code -1, the message, and nothing else.
+inline void expectRefusal(const std::optional<Answer>& answer, AnswerMessage message) {
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->code, -1);
+    EXPECT_EQ(answer->message, message) << toString(answer->message);
+    EXPECT_EQ(answer->token, "");
+    EXPECT_FALSE(answer->info);
+    EXPECT_FALSE(answer->data);
+}
 
 }  // namespace pointlane::testkit

@@ -84,6 +84,20 @@ TEST(WorkQueueConcurrencyTest, TheWorkerItselfIsNeverHeldByTheBound) {
     EXPECT_TRUE(testkit::waitUntil([&] { return ran.load() == 10; }));
 }
 
+TEST(WorkQueueConcurrencyTest, DrainReturnsOnlyOnceTheLastBlockSubmittedHasRun) {
+    WorkQueue queue("drain");
+    std::atomic<int> ran{0};
+    for (int round = 1; round <= 3; ++round) {
+        // A slow block alone in its batch: drain() must not count it done before it is.
+        queue.async([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            ++ran;
+        });
+        queue.drain();
+        EXPECT_EQ(ran.load(), round);
+    }
+}
+
 TEST(WorkQueueConcurrencyTest, ManySubmittersThroughASmallQueueLoseNothingAndKeepTheirOrder) {
     WorkQueue queue("many", 3);
     constexpr int kThreads = 4;

@@ -59,6 +59,13 @@ TEST(FrameTest, ReceivesFramesBackToBackAndRefusesOverlongOnes) {
     // Refused at once: the reader does not wait for a body that never comes.
     EXPECT_FALSE(receiveFrame(*pair.server).has_value());
     writer.join();
+
+    // A header cut short by the end of the stream is the end, not an empty frame.
+    auto cut = makePair();
+    ASSERT_TRUE(cut.client && cut.server);
+    ASSERT_TRUE(cut.client->writeData(Bytes{0, 0}));
+    cut.client->shutdown();
+    EXPECT_FALSE(receiveFrame(*cut.server).has_value());
 }
 
 TEST(FrameTest, ReaderCutsFramesOutOfPiecesOfAnySizeAndFailsOnAbsurdLengths) {
