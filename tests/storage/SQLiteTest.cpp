@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -48,9 +49,17 @@ class SQLiteTest : public testing::StorageFixture {
         });
     }
     // Holds the queue until the returned promise is set.
+    // Holds the queue's worker inside a block of its own until the gate opens. It returns once
+    // the worker is there, so the blocks submitted next all wait together for the gate.
     static std::promise<void> holdQueue() {
         std::promise<void> gate;
-        sqlm().async([opened = gate.get_future().share()] { opened.wait(); });
+        auto running = std::make_shared<std::promise<void>>();
+        auto started = running->get_future();
+        sqlm().async([opened = gate.get_future().share(), running] {
+            running->set_value();
+            opened.wait();
+        });
+        started.wait();
         return gate;
     }
 };
