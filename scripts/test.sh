@@ -65,9 +65,9 @@ scripts/package-test.sh build
 phase "ASan + UBSan build"
 build build-asan -- -DPOINTLANE_SANITIZE=address -DPOINTLANE_BENCH=OFF -DCMAKE_UNITY_BUILD=ON
 phase "ASan + UBSan tests"
-# Left out here until it is understood: with its descriptors used up, the instrumented server
-# stops in the web listener's accept pause (UBSan: an invalid object behind its socket
-# notifier). The normal build runs the test.
+# The descriptor test is left out here: with every descriptor used up, UBSan's own type check
+# can't open the pipe it probes memory with, so it reports a live object (the web listener's
+# socket notifier) as invalid and stops the server. The normal build runs the test.
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs" -E '^WebDescriptorTest\.'
 
