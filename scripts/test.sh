@@ -73,7 +73,7 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 
 phase "TSan build (concurrency suites)"
 # Only the test programs that hold concurrency suites are built here.
-build build-tsan support_tests transport_tests storage_tests game_tests monitor_tests \
+build build-tsan support_tests transport_tests storage_tests game_tests table_tests monitor_tests \
   -- -DPOINTLANE_SANITIZE=thread -DPOINTLANE_BENCH=OFF -DCMAKE_UNITY_BUILD=ON
 phase "TSan tests"
 # TSan needs the fixed memory layout that address randomisation of recent kernels breaks.
