@@ -21,11 +21,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "BenchKit.h"
 #include "ClientServer.h"
 #include "PokerClient.h"
 #include "ServerProcess.h"
@@ -46,16 +46,6 @@ constexpr int kBlock = 20;
 constexpr int kWarmUp = 20;
 constexpr int kPauseMs = 110;
 constexpr auto kPollEvery = std::chrono::seconds(5);
-
-struct TempHome {
-    std::filesystem::path path;
-    TempHome() {
-        char pattern[] = "/tmp/pointlane-history-bench-XXXXXX";
-        path = ::mkdtemp(pattern);
-        std::filesystem::create_directories(path / ".Pointlane");
-    }
-    ~TempHome() { std::filesystem::remove_all(path); }
-};
 
 // The database the server will open: games x 20 deals x 5 elections, with the schema.
 bool generate(const std::string& path, int games) {
@@ -185,28 +175,6 @@ class HistoryPages {
     std::atomic<long long> bytes_{0};
 };
 
-struct Figures {
-    double p50 = 0;
-    double p99 = 0;
-};
-
-Figures figures(std::vector<double> micros) {
-    std::sort(micros.begin(), micros.end());
-    const auto at = [&](double q) {
-        return micros[std::min(micros.size() - 1, static_cast<std::size_t>(q * micros.size()))];
-    };
-    return {at(0.50), at(0.99)};
-}
-
-std::optional<int> webPortIn(const std::string& text) {
-    std::smatch match;
-    static const std::regex mark("Web table on port ([0-9]+)");
-    if (std::regex_search(text, match, mark)) {
-        return std::stoi(match[1]);
-    }
-    return std::nullopt;
-}
-
 int fail(const char* what) {
     std::fprintf(stderr, "history_bench: %s\n", what);
     return EXIT_FAILURE;
@@ -218,7 +186,8 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     const int rounds = argc > 1 ? std::max(kBlock, std::atoi(argv[1])) : 200;
     const int games = argc > 2 ? std::max(1, std::atoi(argv[2])) : 1000;
-    TempHome home;
+    bench::TempHome home("history-bench");
+    std::filesystem::create_directories(home.path / ".Pointlane");
     const std::string database = (home.path / ".Pointlane" / "Pointlane.sqlite").string();
     const auto made = Clock::now();
     if (!generate(database, games)) {
@@ -234,7 +203,7 @@ int main(int argc, char** argv) {
     }
     std::optional<int> webPort;
     for (int i = 0; i < 500 && !webPort; ++i) {
-        webPort = webPortIn(server->diagnostics());
+        webPort = bench::webPortIn(server->diagnostics());
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     if (!webPort) {
@@ -298,8 +267,8 @@ int main(int argc, char** argv) {
     pages.setActive(false);
     without.resize(static_cast<std::size_t>(rounds));
     with.resize(static_cast<std::size_t>(rounds));
-    const Figures bare = figures(without);
-    const Figures loaded = figures(with);
+    const bench::Figures bare = bench::figures(without);
+    const bench::Figures loaded = bench::figures(with);
     std::printf("play to the fifth player's notification, %d rounds each side\n", rounds);
     std::printf("  without history pages (baseline): p50 %8.1f us   p99 %8.1f us\n", bare.p50,
                 bare.p99);

@@ -24,11 +24,11 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "BenchKit.h"
 #include "ClientConnection.h"
 #include "ClientServer.h"
 #include "PokerClient.h"
@@ -48,28 +48,6 @@ int warmUp(int rounds) {
 }
 // Between rounds, on both sides alike.
 constexpr int kPauseMs = 110;
-
-struct Figures {
-    double p50 = 0;
-    double p99 = 0;
-};
-
-Figures figures(std::vector<double> micros) {
-    std::sort(micros.begin(), micros.end());
-    const auto at = [&](double q) {
-        return micros[std::min(micros.size() - 1, static_cast<std::size_t>(q * micros.size()))];
-    };
-    return {at(0.50), at(0.99)};
-}
-
-struct TempHome {
-    std::filesystem::path path;
-    TempHome() {
-        char pattern[] = "/tmp/pointlane-web-bench-XXXXXX";
-        path = ::mkdtemp(pattern);
-    }
-    ~TempHome() { std::filesystem::remove_all(path); }
-};
 
 // A page: a WebSocket whose messages are kept until taken.
 class Page {
@@ -129,24 +107,15 @@ std::nullopt_t failed(const char* side, int step) {
     return std::nullopt;
 }
 
-std::optional<int> webPortIn(const std::string& text) {
-    std::smatch match;
-    static const std::regex mark("Web table on port ([0-9]+)");
-    if (std::regex_search(text, match, mark)) {
-        return std::stoi(match[1]);
-    }
-    return std::nullopt;
-}
-
 std::optional<std::vector<double>> webRounds(int rounds) {
-    TempHome home;
+    bench::TempHome home("web-bench");
     auto server = testkit::ServerProcess::start(home.path.string(), {"--web-port", "0"});
     if (!server) {
         return failed("web", 1);
     }
     std::optional<int> port;
     for (int i = 0; i < 500 && !port; ++i) {
-        port = webPortIn(server->diagnostics());
+        port = bench::webPortIn(server->diagnostics());
         if (!port) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
@@ -230,7 +199,7 @@ std::optional<std::vector<double>> webRounds(int rounds) {
 }
 
 std::optional<std::vector<double>> nativeRounds(int rounds) {
-    TempHome home;
+    bench::TempHome home("web-bench");
     auto server = testkit::ServerProcess::start(home.path.string(), {"--no-web"});
     if (!server) {
         return failed("native", 1);
@@ -295,8 +264,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "web_bench: a round failed\n");
         return EXIT_FAILURE;
     }
-    const Figures n = figures(*native);
-    const Figures w = figures(*web);
+    const bench::Figures n = bench::figures(*native);
+    const bench::Figures w = bench::figures(*web);
     std::printf("play to the fifth player's notification, five players, %d rounds each\n", rounds);
     std::printf("  native clients (baseline): p50 %8.1f us   p99 %8.1f us\n", n.p50, n.p99);
     std::printf("  web pages (WebSocket):     p50 %8.1f us   p99 %8.1f us\n", w.p50, w.p99);

@@ -22,11 +22,11 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "BenchKit.h"
 #include "ServerProcess.h"
 
 namespace {
@@ -37,15 +37,6 @@ using Sockets = std::vector<std::unique_ptr<QTcpSocket>>;
 constexpr int kFlooders = 8;
 constexpr int kIdlePages = 70;
 int floodMs = 5000;  // the first argument; a smoke run floods for less
-
-struct TempHome {
-    std::filesystem::path path;
-    TempHome() {
-        char pattern[] = "/tmp/pointlane-guard-bench-XXXXXX";
-        path = ::mkdtemp(pattern);
-    }
-    ~TempHome() { std::filesystem::remove_all(path); }
-};
 
 // VmRSS of the process in MB.
 double residentMb(pid_t pid) {
@@ -162,15 +153,6 @@ Flood flood(pid_t pid, Sockets& sockets, const QByteArray& unit) {
     return result;
 }
 
-std::optional<int> webPortIn(const std::string& text) {
-    std::smatch match;
-    static const std::regex mark("Web table on port ([0-9]+)");
-    if (std::regex_search(text, match, mark)) {
-        return std::stoi(match[1]);
-    }
-    return std::nullopt;
-}
-
 // Milliseconds from connecting until a page from source has its first message: the median
 // of five pages, each closed before the next.
 double pageWaitMs(int port, int firstIndex, const QHostAddress& source) {
@@ -192,7 +174,7 @@ int main(int argc, char** argv) {
     if (argc > 1) {
         floodMs = std::max(1, std::atoi(argv[1]));
     }
-    TempHome home;
+    bench::TempHome home("guard-bench");
     auto server = testkit::ServerProcess::start(home.path.string(), {"--web-port", "0"});
     if (!server) {
         std::fprintf(stderr, "web_guard_bench: the server did not start\n");
@@ -200,7 +182,7 @@ int main(int argc, char** argv) {
     }
     std::optional<int> port;
     for (int i = 0; i < 500 && !port; ++i) {
-        port = webPortIn(server->diagnostics());
+        port = bench::webPortIn(server->diagnostics());
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     if (!port) {
