@@ -14,15 +14,6 @@ namespace pointlane {
 
 namespace {
 
-bool isAscii(std::string_view text) {
-    for (unsigned char c : text) {
-        if (c >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // ASCII text needs no break iterator: every byte is a character except CR LF.
 CharacterRanges asciiRanges(std::string_view text) {
     CharacterRanges out;
@@ -132,6 +123,15 @@ bool isInvisible(char32_t cp) {
 }
 
 }  // namespace
+
+bool isAscii(std::string_view text) {
+    for (unsigned char c : text) {
+        if (c >= 0x80) {
+            return false;
+        }
+    }
+    return true;
+}
 
 CharacterRanges characterRanges(std::string_view text) {
     if (isAscii(text)) {

@@ -25,6 +25,9 @@ CharacterRanges characterRanges(std::string_view text);
 // The number of characters (grapheme clusters).
 std::size_t characterCount(std::string_view text);
 
+// True when every byte is ASCII: such a text needs no Unicode tables.
+bool isAscii(std::string_view text);
+
 // Space separators (Zs), U+2028, U+2029, U+0009..U+000D and U+0085.
 bool isWhiteSpace(char32_t codePoint);
 

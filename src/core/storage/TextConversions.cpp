@@ -39,15 +39,6 @@ constexpr std::array<Letter, 18> kLetters{{
     {U'\u017B', 'Z'},
 }};
 
-bool isAscii(std::string_view text) {
-    for (unsigned char c : text) {
-        if (c >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
-
 char32_t firstCodePoint(std::string_view cluster) {
     if (cluster.empty()) {
         return 0;
